@@ -1,15 +1,16 @@
 #include "quilma/sqlite/connection.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sqlite3.h>
-
 #include <chrono>
 #include <fstream>
 #include <thread>
 
-#include "quilma/sqlite/error.h"
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
 #include "support/temp_dir.h"
+
+#include "quilma/sqlite/error.h"
 
 namespace quilma::sqlite {
 namespace {

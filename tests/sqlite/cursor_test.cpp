@@ -1,15 +1,16 @@
 #include "quilma/sqlite/cursor.h"
 
+#include <string>
+#include <vector>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <string>
-#include <vector>
+#include "support/temp_dir.h"
 
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
-#include "support/temp_dir.h"
 
 namespace quilma::sqlite {
 namespace {
@@ -65,9 +66,10 @@ TEST_F(CursorTest, RowcountCountsChangedRowsOfDataChangingStatementsOnly) {
   EXPECT_EQ(cursor.execute("UPDATE t SET data = x'00' WHERE name <> 'a'").rowcount(), 2);
   EXPECT_EQ(cursor.execute("  -- a comment first\n DELETE FROM t WHERE name = 'c'").rowcount(), 1);
   EXPECT_EQ(cursor.execute("REPLACE INTO t (name) VALUES ('a')").rowcount(), 1);
-  EXPECT_EQ(cursor.execute("WITH n(x) AS (VALUES ('d'), ('e')) INSERT INTO t (name) SELECT x FROM n")
-                .rowcount(),
-            2);
+  EXPECT_EQ(
+      cursor.execute("WITH n(x) AS (VALUES ('d'), ('e')) INSERT INTO t (name) SELECT x FROM n")
+          .rowcount(),
+      2);
   EXPECT_EQ(cursor.execute("SELECT * FROM t").rowcount(), -1);
   EXPECT_EQ(cursor.execute("UPDATE t SET data = NULL WHERE 0").rowcount(), 0);
   EXPECT_EQ(cursor.execute("CREATE TABLE u (x)").rowcount(), -1);
@@ -97,9 +99,11 @@ TEST_F(CursorTest, StatementsAreCachedAndHandedBackResetWithBindingsCleared) {
   // A cursor that stops after its first row gives its statement back when closed.
   auto partial = connection_.cursor();
   ASSERT_TRUE(partial.execute("SELECT name FROM t").fetchone());
-  EXPECT_THAT(prepared(), ::testing::Contains(std::pair<std::string, bool>("SELECT name FROM t", true)));
+  EXPECT_THAT(prepared(),
+              ::testing::Contains(std::pair<std::string, bool>("SELECT name FROM t", true)));
   partial.close();
-  EXPECT_THAT(prepared(), ::testing::Contains(std::pair<std::string, bool>("SELECT name FROM t", false)));
+  EXPECT_THAT(prepared(),
+              ::testing::Contains(std::pair<std::string, bool>("SELECT name FROM t", false)));
 }
 
 TEST_F(CursorTest, CacheStaysBoundedUnderManyDistinctTexts) {
@@ -140,10 +144,12 @@ TEST_F(CursorTest, FetchallStepsAStatementUntilItIsDone) {
         "WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n WHERE x < 200) "
         "INSERT INTO big SELECT zeroblob(4000) FROM n");
     cursor.execute("DELETE FROM big");
-    const std::int64_t free_before = cursor.execute("PRAGMA freelist_count").fetchone().value()[0].as_int();
+    const std::int64_t free_before =
+        cursor.execute("PRAGMA freelist_count").fetchone().value()[0].as_int();
     ASSERT_GE(free_before, 150);
     cursor.execute("PRAGMA incremental_vacuum(100)").fetchall();
-    EXPECT_EQ(cursor.execute("PRAGMA freelist_count").fetchone().value()[0].as_int(), free_before - 100);
+    EXPECT_EQ(cursor.execute("PRAGMA freelist_count").fetchone().value()[0].as_int(),
+              free_before - 100);
   }
 }
 

@@ -1,10 +1,10 @@
 #include "quilma/sqlite/value.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <optional>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "quilma/sqlite/error.h"
 

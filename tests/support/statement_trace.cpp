@@ -1,8 +1,8 @@
 #include "support/statement_trace.h"
 
-#include <sqlite3.h>
-
 #include <algorithm>
+
+#include <sqlite3.h>
 
 namespace quilma::testing {
 

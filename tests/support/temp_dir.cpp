@@ -1,10 +1,10 @@
 #include "support/temp_dir.h"
 
-#include <stdlib.h>  // NOLINT(modernize-deprecated-headers): mkdtemp, setenv
-
 #include <stdexcept>
 #include <string>
 #include <system_error>
+
+#include <stdlib.h>  // NOLINT(modernize-deprecated-headers): mkdtemp, setenv
 
 namespace quilma::testing {
 

@@ -1,14 +1,15 @@
 #include "quilma/utils/path_filter.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <ostream>
 #include <string>
 
+#include <gtest/gtest.h>
+
+#include "support/temp_dir.h"
+
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
-#include "support/temp_dir.h"
 
 namespace quilma::utils {
 namespace {
@@ -36,23 +37,24 @@ INSTANTIATE_TEST_SUITE_P(
         // '*' and '?' stay within one segment.
         GlobCase{"*.py", "a.py", true}, GlobCase{"*.py", "src/a.py", false},
         GlobCase{"src/*.py", "src/a.py", true}, GlobCase{"src/*", "src/x/a.py", false},
-        GlobCase{"a?c", "abc", true}, GlobCase{"a?c", "a/c", false},
-        GlobCase{"*", "", true}, GlobCase{"", "", true}, GlobCase{"", "a", false},
-        GlobCase{"a*b*c", "axxbyyc", true}, GlobCase{"a*b*c", "axxbyy", false},
+        GlobCase{"a?c", "abc", true}, GlobCase{"a?c", "a/c", false}, GlobCase{"*", "", true},
+        GlobCase{"", "", true}, GlobCase{"", "a", false}, GlobCase{"a*b*c", "axxbyyc", true},
+        GlobCase{"a*b*c", "axxbyy", false},
         // '**' spans zero or more whole segments.
         GlobCase{"**/*.py", "a.py", true}, GlobCase{"**/*.py", "src/x/y/a.py", true},
         GlobCase{"**/*.py", "src/x/a.pyc", false}, GlobCase{"src/**", "src/x/y", true},
         GlobCase{"src/**/test_*.py", "src/test_a.py", true},
         GlobCase{"src/**/test_*.py", "src/a/b/test_a.py", true},
         GlobCase{"src/**/test_*.py", "lib/a/test_a.py", false},
-        GlobCase{"**/build/**", "a/build/x/y.o", true}, GlobCase{"**/build/**", "a/rebuild/x", false},
+        GlobCase{"**/build/**", "a/build/x/y.o", true},
+        GlobCase{"**/build/**", "a/rebuild/x", false},
         GlobCase{"a/**/b/**/c", "a/x/b/y/b/z/c", true}, GlobCase{"a/**/b", "a/b/c", false},
         GlobCase{"src**", "src/x", false},  // '**' inside a segment is a plain '*'
         // Sets, ranges, negation and escapes.
         GlobCase{"[abc].h", "b.h", true}, GlobCase{"[a-c].h", "d.h", false},
         GlobCase{"[!a-c].h", "d.h", true}, GlobCase{"[^a].h", "a.h", false},
-        GlobCase{"[]].h", "].h", true}, GlobCase{"[a", "[a", true},
-        GlobCase{"\\*.h", "*.h", true}, GlobCase{"\\*.h", "x.h", false}));
+        GlobCase{"[]].h", "].h", true}, GlobCase{"[a", "[a", true}, GlobCase{"\\*.h", "*.h", true},
+        GlobCase{"\\*.h", "x.h", false}));
 
 TEST(GlobMatchTest, ManyDoubleStarsStayFast) {
   std::string path;
@@ -85,9 +87,9 @@ TEST(PathFunctionsTest, WorkInSqlWithNullsAndClearErrors) {
                      {{"src/a.py"}, {"src/b/c.py"}, {"docs/x.md"}, {nullptr}});
   auto names = [&](const char* where) {
     std::string joined;
-    for (const auto& row : cursor.execute(std::string("SELECT path FROM files WHERE ") + where +
-                                          " ORDER BY path")
-                               .fetchall()) {
+    for (const auto& row :
+         cursor.execute(std::string("SELECT path FROM files WHERE ") + where + " ORDER BY path")
+             .fetchall()) {
       joined += row[0].as_text() + ";";
     }
     return joined;

@@ -1,11 +1,11 @@
 #include "quilma/sqlite/connection.h"
 
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <climits>
 #include <string>
 #include <utility>
+
+#include <sqlite3.h>
 
 #include "quilma/sqlite/error.h"
 #include "quilma/sqlite/statement.h"
@@ -27,7 +27,8 @@ Connection::Connection(const std::filesystem::path& path, OpenOptions options) {
     raise_error(code, std::move(message));
   }
   state_ = std::make_shared<detail::ConnectionState>(db);
-  const auto timeout = std::min<std::chrono::milliseconds::rep>(options.busy_timeout.count(), INT_MAX);
+  const auto timeout =
+      std::min<std::chrono::milliseconds::rep>(options.busy_timeout.count(), INT_MAX);
   sqlite3_busy_timeout(db, static_cast<int>(std::max<std::chrono::milliseconds::rep>(timeout, 0)));
 }
 

@@ -1,10 +1,10 @@
 #include "quilma/sqlite/cursor.h"
 
-#include <sqlite3.h>
-
 #include <string>
 #include <utility>
 #include <variant>
+
+#include <sqlite3.h>
 
 #include "quilma/sqlite/error.h"
 #include "quilma/sqlite/statement.h"
@@ -60,10 +60,11 @@ void Cursor::bind(const Params& params) {
   sqlite3_stmt* stmt = statement_->handle();
   const int expected = sqlite3_bind_parameter_count(stmt);
   if (static_cast<std::size_t>(expected) != params.size()) {
-    throw ProgrammingError(SQLITE_RANGE, "Incorrect number of bindings supplied. The current "
-                                         "statement uses " +
-                                             std::to_string(expected) + ", and there are " +
-                                             std::to_string(params.size()) + " supplied.");
+    throw ProgrammingError(SQLITE_RANGE,
+                           "Incorrect number of bindings supplied. The current "
+                           "statement uses " +
+                               std::to_string(expected) + ", and there are " +
+                               std::to_string(params.size()) + " supplied.");
   }
   for (int i = 0; i < expected; ++i) {
     const Value& value = params[static_cast<std::size_t>(i)];
@@ -86,9 +87,9 @@ void Cursor::bind(const Params& params) {
       }
       case Value::Type::Blob: {
         const Blob& blob = value.as_blob();
-        rc = blob.empty() ? sqlite3_bind_zeroblob(stmt, i + 1, 0)
-                          : sqlite3_bind_blob64(stmt, i + 1, blob.data(), blob.size(),
-                                                SQLITE_TRANSIENT);
+        rc = blob.empty()
+                 ? sqlite3_bind_zeroblob(stmt, i + 1, 0)
+                 : sqlite3_bind_blob64(stmt, i + 1, blob.data(), blob.size(), SQLITE_TRANSIENT);
         break;
       }
     }

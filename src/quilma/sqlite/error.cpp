@@ -1,8 +1,8 @@
 #include "quilma/sqlite/error.h"
 
-#include <sqlite3.h>
-
 #include <utility>
+
+#include <sqlite3.h>
 
 namespace quilma::sqlite {
 

@@ -10,7 +10,9 @@ namespace quilma::sqlite::detail {
 
 namespace {
 
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+bool is_blank(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
 
 // Position of the first character of `sql` at or after `at` that is neither a blank nor
 // part of a comment, or sql.size().
@@ -66,12 +68,11 @@ Statement::Statement(sqlite3* db, std::string_view sql, bool persistent) : sql_(
   }
 
   const std::size_t start = skip_blanks_and_comments(sql_, 0);
-  changes_rows_ = starts_with_keyword(sql_, start, "INSERT") ||
-                  starts_with_keyword(sql_, start, "UPDATE") ||
-                  starts_with_keyword(sql_, start, "DELETE") ||
-                  starts_with_keyword(sql_, start, "REPLACE") ||
-                  (starts_with_keyword(sql_, start, "WITH") && stmt_ != nullptr &&
-                   sqlite3_stmt_readonly(stmt_) == 0);
+  changes_rows_ =
+      starts_with_keyword(sql_, start, "INSERT") || starts_with_keyword(sql_, start, "UPDATE") ||
+      starts_with_keyword(sql_, start, "DELETE") || starts_with_keyword(sql_, start, "REPLACE") ||
+      (starts_with_keyword(sql_, start, "WITH") && stmt_ != nullptr &&
+       sqlite3_stmt_readonly(stmt_) == 0);
 }
 
 const std::shared_ptr<const Row::Columns>& Statement::columns() {

@@ -2,8 +2,6 @@
 // share with their connection. Includes <sqlite3.h>, so it is never installed.
 #pragma once
 
-#include <sqlite3.h>
-
 #include <cstddef>
 #include <list>
 #include <memory>
@@ -11,6 +9,8 @@
 #include <string_view>
 #include <unordered_map>
 #include <vector>
+
+#include <sqlite3.h>
 
 #include "quilma/sqlite/row.h"
 
@@ -81,9 +81,9 @@ class ConnectionState {
   void finalize_all() noexcept;
 
   sqlite3* db_;
-  Lru lru_;  // most recently used first
+  Lru lru_;                                                    // most recently used first
   std::unordered_map<std::string_view, Lru::iterator> index_;  // keys point into Statement::sql
-  std::vector<std::unique_ptr<Statement>> loose_;  // held by cursors, not in the cache
+  std::vector<std::unique_ptr<Statement>> loose_;              // held by cursors, not in the cache
 };
 
 }  // namespace quilma::sqlite::detail

@@ -1,11 +1,11 @@
 #include "quilma/sqlite/value.h"
 
-#include <sqlite3.h>
-
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <string>
+
+#include <sqlite3.h>
 
 #include "quilma/sqlite/error.h"
 

@@ -29,10 +29,10 @@ class Value {
   Value(T value)  // NOLINT(google-explicit-constructor)
       : data_(static_cast<double>(value)) {}
 
-  Value(const char* text) : data_(std::string(text)) {}         // NOLINT
-  Value(std::string text) : data_(std::move(text)) {}           // NOLINT
-  Value(std::string_view text) : data_(std::string(text)) {}    // NOLINT
-  Value(sqlite::Blob blob) : data_(std::move(blob)) {}          // NOLINT
+  Value(const char* text) : data_(std::string(text)) {}       // NOLINT
+  Value(std::string text) : data_(std::move(text)) {}         // NOLINT
+  Value(std::string_view text) : data_(std::string(text)) {}  // NOLINT
+  Value(sqlite::Blob blob) : data_(std::move(blob)) {}        // NOLINT
 
   template <class T>
   Value(const std::optional<T>& value)  // NOLINT(google-explicit-constructor)
@@ -43,9 +43,9 @@ class Value {
   Type type() const noexcept { return static_cast<Type>(data_.index()); }
   bool is_null() const noexcept { return data_.index() == 0; }
 
-  std::int64_t as_int() const;      // INTEGER as is; REAL truncated toward zero
-  double as_double() const;         // REAL or INTEGER
-  std::string as_text() const;      // TEXT as is; INTEGER and REAL as SQLite writes them
+  std::int64_t as_int() const;          // INTEGER as is; REAL truncated toward zero
+  double as_double() const;             // REAL or INTEGER
+  std::string as_text() const;          // TEXT as is; INTEGER and REAL as SQLite writes them
   const sqlite::Blob& as_blob() const;  // BLOB only
   std::string_view text_view() const;   // TEXT only, without a copy
 

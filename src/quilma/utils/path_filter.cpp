@@ -1,12 +1,12 @@
 #include "quilma/utils/path_filter.h"
 
-#include <sqlite3.h>
-
 #include <memory>
 #include <new>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <sqlite3.h>
 
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
@@ -159,8 +159,8 @@ std::optional<std::pair<std::string_view, std::string_view>> text_arguments(
       return std::nullopt;
     }
     if (type != SQLITE_TEXT) {
-      const std::string message = std::string(function) + "(): " + names[i] +
-                                  " must be text, not " + type_name(type);
+      const std::string message =
+          std::string(function) + "(): " + names[i] + " must be text, not " + type_name(type);
       sqlite3_result_error(context, message.c_str(), -1);
       return std::nullopt;
     }
@@ -223,8 +223,8 @@ void register_path_functions(sqlite::Connection& connection) {
     const char* name;
     void (*body)(sqlite3_context*, int, sqlite3_value**);
   };
-  for (const Function& function : {Function{"path_glob", path_glob_function},
-                                   Function{"path_under", path_under_function}}) {
+  for (const Function& function :
+       {Function{"path_glob", path_glob_function}, Function{"path_under", path_under_function}}) {
     if (sqlite3_create_function_v2(db, function.name, 2, flags, nullptr, function.body, nullptr,
                                    nullptr, nullptr) != SQLITE_OK) {
       sqlite::raise_error(sqlite3_extended_errcode(db), sqlite3_errmsg(db));

@@ -1,0 +1,150 @@
+// Database: the one object through which the service reaches a repository's index file.
+//
+// One read-write connection (the writer) is shared by every thread of the process under one
+// reentrant lock, in autocommit and WAL mode; queries run on a pool of read-only connections
+// so that they never wait for a write in progress. Transactions nest: only the outermost
+// level sends BEGIN and COMMIT or ROLLBACK.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "quilma/sqlite/connection.h"
+#include "quilma/sqlite/cursor.h"
+#include "quilma/sqlite/row.h"
+#include "quilma/sqlite/value.h"
+#include "quilma/storage/reader_pool.h"
+#include "quilma/storage/shared_slot.h"
+
+namespace spdlog {
+class logger;
+}
+
+namespace quilma::storage {
+
+// Headroom added, once per place, to the bytes that a VACUUM needs on disk.
+inline constexpr std::int64_t COMPACT_DISK_MARGIN_BYTES = 64LL * 1024 * 1024;
+
+// How many read connections to keep, from QUILMA_DB_READERS: 6 when it is unset, empty or
+// not an integer; otherwise the value clamped to 0..32. 0 means no pool. Read on every call.
+int reader_count();
+
+// The logger "quilma.storage.database", registered with spdlog's registry on first call.
+// Until the application attaches sinks of its own, warnings go to stderr.
+std::shared_ptr<spdlog::logger> database_logger();
+
+namespace detail {
+struct Space;
+}
+
+class Database {
+ public:
+  explicit Database(std::filesystem::path db_path);  // touches nothing
+  ~Database();                                       // closes; never throws
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  const std::filesystem::path& db_path() const noexcept { return db_path_; }
+
+  // Creates the file's directory, opens the writer with its pragmas and, when the journal is
+  // in WAL mode, a pool of read connections. Runs before the object is shared between
+  // threads: it takes no lock, and a writer it replaces is closed at once.
+  void connect();
+  // Closes the pool (waiting for queries in progress on it), then the writer under the lock
+  // (waiting for a statement or transaction in progress on it).
+  void close();
+  bool closed() const noexcept { return closed_.load(std::memory_order_acquire); }
+  // The writer connection; std::runtime_error "Database is closed." after close(),
+  // "Database not connected. Call connect() first." before connect().
+  sqlite::Connection& connection() const;
+
+  // Runs body(cursor) as one transaction level and returns what body returns. The outermost
+  // level sends BEGIN, then COMMIT when body returns; when body throws, or the COMMIT fails,
+  // it sends ROLLBACK and the error goes on unchanged. An inner level (the same thread, inside
+  // an open level) joins the outer transaction and sends nothing. The lock is held throughout.
+  template <class Body>
+  std::invoke_result_t<Body, sqlite::Cursor&> transaction(Body&& body);
+
+  // One statement on the writer under the lock; its result is read completely before the
+  // lock is released, so the returned cursor needs neither.
+  sqlite::Cursor execute(std::string_view sql, const sqlite::Params& params = {});
+  sqlite::Cursor executemany(std::string_view sql, const std::vector<sqlite::Params>& params_list);
+
+  // Queries: on a read connection when the statement only reads and the calling thread has no
+  // transaction open; otherwise, or when no read connection can serve, on the writer.
+  std::optional<sqlite::Row> fetchone(std::string_view sql, const sqlite::Params& params = {});
+  std::vector<sqlite::Row> fetchall(std::string_view sql, const sqlite::Params& params = {});
+
+ private:
+  friend class DatabaseTestPeer;
+
+  // One level of a transaction, from taking the lock to giving it back.
+  class TransactionLevel {
+   public:
+    explicit TransactionLevel(Database& db);  // takes the lock; BEGIN on the outermost level
+    ~TransactionLevel();  // closes the cursor, ends the level and releases the lock
+    TransactionLevel(const TransactionLevel&) = delete;
+    TransactionLevel& operator=(const TransactionLevel&) = delete;
+
+    sqlite::Cursor& cursor() { return *cursor_; }
+    void commit();    // COMMIT on the outermost level; throws its error
+    void rollback();  // ROLLBACK on the outermost level; SQLite's errors are ignored
+
+   private:
+    Database& db_;
+    std::unique_lock<std::recursive_mutex> hold_;
+    std::optional<sqlite::Cursor> cursor_;  // destroyed before hold_ lets go
+    bool outermost_ = false;
+  };
+
+  std::shared_ptr<ReaderPool> open_readers(std::string_view journal_mode) const;
+  std::shared_ptr<ReaderPool> readers_for(std::string_view sql) const;
+  template <class Fetch>
+  std::invoke_result_t<Fetch&, sqlite::Cursor&> query(std::string_view sql,
+                                                      const sqlite::Params& params, Fetch fetch);
+  std::int64_t count(std::string_view sql);
+  static detail::Space space(sqlite::Connection& connection);
+
+  std::filesystem::path db_path_;
+  std::unique_ptr<sqlite::Connection> writer_;  // owns what connection_ points at
+  std::atomic<sqlite::Connection*> connection_{nullptr};
+  // Guards every use of the writer connection and the fields written under it.
+  mutable std::recursive_mutex lock_;
+  int tx_depth_ = 0;  // open transaction levels; written only under lock_
+  std::atomic<bool> closed_{false};
+  detail::SharedSlot<ReaderPool> readers_;
+  // The thread whose outermost transaction is open. Written under lock_; read without it,
+  // and it holds a thread's own id only while that thread's transaction is open.
+  std::atomic<std::thread::id> tx_owner_{};
+};
+
+template <class Body>
+std::invoke_result_t<Body, sqlite::Cursor&> Database::transaction(Body&& body) {
+  using Result = std::invoke_result_t<Body, sqlite::Cursor&>;
+  TransactionLevel level(*this);
+  try {
+    if constexpr (std::is_void_v<Result>) {
+      std::invoke(std::forward<Body>(body), level.cursor());
+      level.commit();
+    } else {
+      Result result = std::invoke(std::forward<Body>(body), level.cursor());
+      level.commit();
+      return result;
+    }
+  } catch (...) {  // whatever leaves the body, or the COMMIT's own error
+    level.rollback();
+    throw;
+  }
+}
+
+}  // namespace quilma::storage

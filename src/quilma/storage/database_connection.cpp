@@ -1,0 +1,267 @@
+// Database: opening and closing, transactions, writes, and the routing of queries between
+// the read connections and the writer.
+#include <algorithm>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+#include "quilma/sqlite/error.h"
+#include "quilma/storage/database.h"
+#include "quilma/storage/database_detail.h"
+#include "quilma/storage/storage_size.h"
+#include "quilma/utils/path_filter.h"
+
+namespace quilma::storage {
+
+namespace {
+
+constexpr std::string_view BLANKS = " \t\n\r\f\v";
+
+std::string_view strip(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(BLANKS);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+}
+
+std::string upper(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) {
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 32);
+  }
+  return result;
+}
+
+std::string lower(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+  }
+  return result;
+}
+
+// A decimal integer with an optional sign, saturated to [-(MAX_READERS + 1), MAX_READERS + 1]
+// since only its place relative to 0..MAX_READERS matters; std::nullopt when it is not one.
+std::optional<int> parse_reader_count(std::string_view text) {
+  bool negative = false;
+  if (!text.empty() && (text.front() == '+' || text.front() == '-')) {
+    negative = text.front() == '-';
+    text.remove_prefix(1);
+  }
+  if (text.empty()) return std::nullopt;
+  int value = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return std::nullopt;
+    value = std::min(value * 10 + (c - '0'), detail::MAX_READERS + 1);
+  }
+  return negative ? -value : value;
+}
+
+}  // namespace
+
+int reader_count() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the process does not change its environment.
+  const char* raw = std::getenv(std::string(detail::READERS_ENV).c_str());
+  if (raw == nullptr) return detail::DEFAULT_READERS;
+  const std::string_view text = strip(raw);
+  if (text.empty()) return detail::DEFAULT_READERS;
+  const std::optional<int> value = parse_reader_count(text);
+  if (!value) return detail::DEFAULT_READERS;
+  return std::clamp(*value, 0, detail::MAX_READERS);
+}
+
+namespace detail {
+
+bool is_read_statement(std::string_view sql) {
+  const std::size_t start = sql.find_first_not_of(BLANKS);
+  if (start == std::string_view::npos) return false;
+  const std::string head = upper(sql.substr(start, 8));
+  if (head.starts_with("SELECT") || head.starts_with("WITH")) return true;
+
+  std::string_view whole = strip(sql);
+  while (!whole.empty() && whole.back() == ';') whole.remove_suffix(1);
+  return upper(strip(whole)) == "PRAGMA USER_VERSION";
+}
+
+bool reader_cannot_serve(const sqlite::OperationalError& error) {
+  const std::string message = lower(error.what());
+  return message.find("readonly database") != std::string::npos ||
+         message.find("unable to open database file") != std::string::npos;
+}
+
+}  // namespace detail
+
+Database::Database(std::filesystem::path db_path) : db_path_(std::move(db_path)) {}
+
+Database::~Database() {
+  try {
+    close();
+  } catch (const sqlite::Error&) {  // the connections' destructors free what close() left
+  }
+}
+
+void Database::connect() {
+  if (const std::filesystem::path parent = db_path_.parent_path(); !parent.empty()) {
+    std::filesystem::create_directories(parent);
+  }
+  closed_.store(false, std::memory_order_release);
+
+  auto writer = std::make_unique<sqlite::Connection>(db_path_);
+  connection_.store(writer.get(), std::memory_order_release);
+  std::swap(writer_, writer);  // a writer this replaces is closed as `writer` goes
+  writer.reset();
+
+  sqlite::Cursor cursor = writer_->cursor();
+  // Page size and auto-vacuum shape only a file without pages yet; an existing file keeps
+  // what it was made with.
+  cursor.execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
+  cursor.execute("PRAGMA auto_vacuum=INCREMENTAL");
+  const std::optional<sqlite::Row> mode = cursor.execute("PRAGMA journal_mode=WAL").fetchone();
+  cursor.execute("PRAGMA foreign_keys=ON");
+  cursor.execute("PRAGMA synchronous=NORMAL");
+  cursor.close();
+  utils::register_path_functions(*writer_);
+
+  std::string journal_mode;
+  if (mode && mode->size() > 0 && !(*mode)[0].is_null()) journal_mode = lower((*mode)[0].as_text());
+  readers_.exchange(open_readers(journal_mode));
+}
+
+std::shared_ptr<ReaderPool> Database::open_readers(std::string_view journal_mode) const {
+  const int count = reader_count();
+  // Only in WAL mode does a read connection escape the writer's lock; an in-memory database
+  // reports "memory" and could not be opened a second time anyway.
+  if (count == 0 || journal_mode != "wal") return nullptr;
+  return std::make_shared<ReaderPool>(db_path_, count, &utils::register_path_functions);
+}
+
+void Database::close() {
+  if (const std::shared_ptr<ReaderPool> pool = readers_.load()) pool->close();
+  // Closing the writer under a statement that another thread runs on it would crash that
+  // thread: wait for it.
+  const std::lock_guard hold(lock_);
+  if (connection_.load(std::memory_order_acquire) != nullptr) {
+    writer_->close();
+    connection_.store(nullptr, std::memory_order_release);
+    closed_.store(true, std::memory_order_release);
+  }
+}
+
+sqlite::Connection& Database::connection() const {
+  sqlite::Connection* connection = connection_.load(std::memory_order_acquire);
+  if (connection == nullptr) {
+    if (closed()) throw std::runtime_error("Database is closed.");
+    throw std::runtime_error("Database not connected. Call connect() first.");
+  }
+  return *connection;
+}
+
+Database::TransactionLevel::TransactionLevel(Database& db) : db_(db), hold_(db.lock_) {
+  if (db_.tx_depth_ > 0) {  // inside this thread's own transaction: join it
+    ++db_.tx_depth_;
+    try {
+      cursor_.emplace(db_.connection().cursor());
+    } catch (...) {
+      --db_.tx_depth_;
+      throw;
+    }
+    return;
+  }
+  cursor_.emplace(db_.connection().cursor());
+  outermost_ = true;
+  db_.tx_depth_ = 1;
+  db_.tx_owner_.store(std::this_thread::get_id(), std::memory_order_release);
+  try {
+    // Deferred: the file's write lock is taken at the first write.
+    cursor_->execute("BEGIN");
+  } catch (...) {
+    rollback();
+    db_.tx_depth_ = 0;
+    db_.tx_owner_.store(std::thread::id(), std::memory_order_release);
+    throw;
+  }
+}
+
+Database::TransactionLevel::~TransactionLevel() {
+  cursor_.reset();
+  if (outermost_) {
+    db_.tx_depth_ = 0;
+    db_.tx_owner_.store(std::thread::id(), std::memory_order_release);
+  } else {
+    --db_.tx_depth_;
+  }
+}
+
+void Database::TransactionLevel::commit() {
+  if (outermost_) cursor_->execute("COMMIT");
+}
+
+void Database::TransactionLevel::rollback() {
+  if (!outermost_) return;
+  try {
+    cursor_->execute("ROLLBACK");
+  } catch (const sqlite::Error&) {  // the error that caused the rollback is what matters
+  }
+}
+
+sqlite::Cursor Database::execute(std::string_view sql, const sqlite::Params& params) {
+  const std::lock_guard hold(lock_);
+  sqlite::Cursor cursor = connection().cursor();
+  cursor.execute(sql, params);
+  cursor.detach();
+  return cursor;
+}
+
+sqlite::Cursor Database::executemany(std::string_view sql,
+                                     const std::vector<sqlite::Params>& params_list) {
+  const std::lock_guard hold(lock_);
+  sqlite::Cursor cursor = connection().cursor();
+  cursor.executemany(sql, params_list);
+  cursor.detach();
+  return cursor;
+}
+
+std::shared_ptr<ReaderPool> Database::readers_for(std::string_view sql) const {
+  // A thread inside its own transaction must see what it has written so far.
+  if (tx_owner_.load(std::memory_order_acquire) == std::this_thread::get_id()) return nullptr;
+  if (!detail::is_read_statement(sql)) return nullptr;
+  return readers_.load();
+}
+
+template <class Fetch>
+std::invoke_result_t<Fetch&, sqlite::Cursor&> Database::query(std::string_view sql,
+                                                              const sqlite::Params& params,
+                                                              Fetch fetch) {
+  auto run = [&](sqlite::Connection& connection) {
+    sqlite::Cursor cursor = connection.cursor();
+    cursor.execute(sql, params);
+    return fetch(cursor);
+  };
+  // The pool stays alive in `readers` for this query even when connect() or a rewrite
+  // replaces it meanwhile; a pool closed meanwhile refuses the lease.
+  if (const std::shared_ptr<ReaderPool> readers = readers_for(sql)) {
+    try {
+      ReaderPool::Lease lease = readers->lease();
+      return run(lease.connection());
+    } catch (const ReaderUnavailable&) {
+    } catch (const sqlite::OperationalError& error) {
+      if (!detail::reader_cannot_serve(error)) throw;
+    }
+  }
+  const std::lock_guard hold(lock_);
+  return run(connection());
+}
+
+std::optional<sqlite::Row> Database::fetchone(std::string_view sql, const sqlite::Params& params) {
+  return query(sql, params, [](sqlite::Cursor& cursor) { return cursor.fetchone(); });
+}
+
+std::vector<sqlite::Row> Database::fetchall(std::string_view sql, const sqlite::Params& params) {
+  return query(sql, params, [](sqlite::Cursor& cursor) { return cursor.fetchall(); });
+}
+
+std::int64_t Database::count(std::string_view sql) {
+  const std::optional<sqlite::Row> row = fetchone(sql);
+  return row ? (*row)[0].as_int() : 0;
+}
+
+}  // namespace quilma::storage

@@ -1,0 +1,62 @@
+// Internal to the storage layer: helpers of Database that tests reach directly.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "quilma/sqlite/error.h"
+
+namespace quilma::storage::detail {
+
+inline constexpr std::string_view READERS_ENV = "QUILMA_DB_READERS";
+inline constexpr int DEFAULT_READERS = 6;
+inline constexpr int MAX_READERS = 32;
+
+// Whether a query may run on a read connection: it begins with SELECT or WITH, or it is the
+// read of the index generation ("PRAGMA user_version"). A WITH that writes passes here and
+// is refused by the read connection, which sends it to the writer.
+bool is_read_statement(std::string_view sql);
+
+// Whether a read connection's error means "run it on the writer instead".
+bool reader_cannot_serve(const sqlite::OperationalError& error);
+
+// Bytes in a MiB; every MiB figure in messages is a byte count divided by it, rounded down.
+inline constexpr std::int64_t MIB = 1048576;
+inline constexpr std::int64_t AUTO_VACUUM_NONE = 0;
+inline constexpr std::int64_t AUTO_VACUUM_INCREMENTAL = 2;
+
+// How much of a database file is in use; a snapshot, not updated when the file changes.
+struct Space {
+  std::int64_t mode = 0;       // auto_vacuum: 0 none, 1 full, 2 incremental
+  std::int64_t pages = 0;      // page_count
+  std::int64_t free = 0;       // freelist_count
+  std::int64_t page_size = 0;  // page_size
+  bool operator==(const Space&) const = default;
+};
+
+// Whether two directories are on one volume (unknown counts as one: the worst case).
+bool same_volume(const std::filesystem::path& first, const std::filesystem::path& second);
+
+// The directory of a VACUUM's temporary copy: SQLITE_TMPDIR when set and not empty, else the
+// first writable directory of TMPDIR, /var/tmp, /usr/tmp, /tmp and ".", as SQLite looks.
+std::filesystem::path temp_directory();
+
+// std::nullopt when the disks can hold a VACUUM of `used_bytes` bytes of data (a copy in the
+// temporary directory and one through the log beside the database, plus a margin in each
+// place); otherwise why not. Throws std::system_error when free space cannot be asked.
+std::optional<std::string> disk_shortfall(const std::filesystem::path& db_dir,
+                                          std::int64_t used_bytes);
+
+// The bytes available to unprivileged users on the volume that holds `directory`.
+std::uintmax_t available_bytes(const std::filesystem::path& directory);
+
+// Replaces the free-space query behind available_bytes() (tests simulate full disks with it)
+// and returns the previous one; an empty function restores the file system's own.
+using FreeSpaceQuery = std::function<std::uintmax_t(const std::filesystem::path&)>;
+FreeSpaceQuery replace_free_space_query(FreeSpaceQuery query);
+
+}  // namespace quilma::storage::detail
