@@ -375,9 +375,7 @@ TEST_F(DatabaseTest, OtherReadErrorsAreNotRetriedOnTheWriter) {
 TEST_F(DatabaseTest, AnUnavailablePoolSendsQueriesToTheWriter) {
   open();
   db_.execute("INSERT INTO t (v) VALUES ('x')");
-  auto closed = std::make_shared<ReaderPool>(path_, 1);
-  closed->close();
-  Peer::set_readers(db_, closed);
+  Peer::set_readers(db_, std::make_unique<ReaderPool>(path_, 1))->close();
   testing::StatementTrace writer(db_.connection().handle());
   EXPECT_EQ(db_.fetchone("SELECT v FROM t").value()[0], sqlite::Value("x"));
   EXPECT_EQ(writer.count("SELECT v FROM t"), 1);

@@ -155,5 +155,38 @@ TEST_F(ReaderPoolTest, EachConnectionServesOneThreadAtATime) {
   EXPECT_GT(served.load(), 0);
 }
 
+TEST_F(ReaderPoolTest, CloseRacingWithLeasesNeverClosesAConnectionInUse) {
+  ReaderPool pool(dir_ / "pool.db", 2);
+  std::atomic<int> active{0};
+  std::atomic<int> broken{0};
+  std::latch started(4);
+  std::vector<std::thread> threads;
+  threads.reserve(4);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      started.count_down();
+      while (true) {
+        try {
+          auto lease = pool.lease();
+          ++active;
+          try {
+            lease.connection().cursor().execute("SELECT x FROM t").fetchall();
+          } catch (const sqlite::Error&) {
+            ++broken;
+          }
+          --active;
+        } catch (const ReaderUnavailable& error) {
+          if (std::string(error.what()).find("closed") != std::string::npos) return;
+        }
+      }
+    });
+  }
+  started.wait();
+  pool.close();
+  EXPECT_EQ(active.load(), 0);  // close() returned only after every lease had ended
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(broken.load(), 0);
+}
+
 }  // namespace
 }  // namespace quilma::storage

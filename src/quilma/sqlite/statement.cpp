@@ -113,6 +113,11 @@ void ConnectionState::check_open() const {
 
 Statement* ConnectionState::acquire(std::string_view sql) {
   check_open();
+  // Fast path: the same text as last time (a loop, or one hot query) needs no hashing.
+  if (!lru_.empty() && !lru_.front()->in_use && lru_.front()->sql() == sql) {
+    lru_.front()->in_use = true;
+    return lru_.front().get();
+  }
   if (auto found = index_.find(sql); found != index_.end()) {
     Statement* statement = found->second->get();
     if (!statement->in_use) {

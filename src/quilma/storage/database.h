@@ -24,7 +24,6 @@
 #include "quilma/sqlite/row.h"
 #include "quilma/sqlite/value.h"
 #include "quilma/storage/reader_pool.h"
-#include "quilma/storage/shared_slot.h"
 
 namespace spdlog {
 class logger;
@@ -107,8 +106,10 @@ class Database {
     bool outermost_ = false;
   };
 
-  std::shared_ptr<ReaderPool> open_readers(std::string_view journal_mode) const;
-  std::shared_ptr<ReaderPool> readers_for(std::string_view sql) const;
+  std::unique_ptr<ReaderPool> open_readers(std::string_view journal_mode) const;
+  // Makes `pool` (or none) the pool that queries lease from; returns it.
+  ReaderPool* set_readers(std::unique_ptr<ReaderPool> pool);
+  ReaderPool* readers_for(std::string_view sql) const;
   template <class Fetch>
   std::invoke_result_t<Fetch&, sqlite::Cursor&> query(std::string_view sql,
                                                       const sqlite::Params& params, Fetch fetch);
@@ -122,7 +123,11 @@ class Database {
   mutable std::recursive_mutex lock_;
   int tx_depth_ = 0;  // open transaction levels; written only under lock_
   std::atomic<bool> closed_{false};
-  detail::SharedSlot<ReaderPool> readers_;
+  // The pool that queries lease from, or none; read without the lock. Every pool it has
+  // pointed at stays alive in pools_ until the next connect() or the destructor, so a query
+  // may finish with the pool it loaded even after the pool was closed or replaced.
+  std::atomic<ReaderPool*> readers_{nullptr};
+  std::vector<std::unique_ptr<ReaderPool>> pools_;
   // The thread whose outermost transaction is open. Written under lock_; read without it,
   // and it holds a thread's own id only while that thread's transaction is open.
   std::atomic<std::thread::id> tx_owner_{};

@@ -23,12 +23,29 @@ std::string_view strip(std::string_view text) {
   return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
 }
 
-std::string upper(std::string_view text) {
-  std::string result(text);
-  for (char& c : result) {
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 32);
+bool is_blank(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
+}
+
+// Whether `text` equals `upper_case` (upper-case letters, blanks and punctuation) when the
+// ASCII letters of `text` are upper-cased.
+bool equals_upper(std::string_view text, std::string_view upper_case) {
+  if (text.size() != upper_case.size()) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if ((c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c) != upper_case[i]) return false;
   }
-  return result;
+  return true;
+}
+
+// Whether `text` begins with `letters` (upper-case ASCII letters only), in any letter case.
+bool starts_with_letters(std::string_view text, std::string_view letters) {
+  if (text.size() < letters.size()) return false;
+  for (std::size_t i = 0; i < letters.size(); ++i) {
+    // Exact for letters: only 'X' and 'x' turn into 'x' when 0x20 is set.
+    if ((text[i] | 0x20) != (letters[i] | 0x20)) return false;
+  }
+  return true;
 }
 
 std::string lower(std::string_view text) {
@@ -72,14 +89,15 @@ int reader_count() {
 namespace detail {
 
 bool is_read_statement(std::string_view sql) {
-  const std::size_t start = sql.find_first_not_of(BLANKS);
-  if (start == std::string_view::npos) return false;
-  const std::string head = upper(sql.substr(start, 8));
-  if (head.starts_with("SELECT") || head.starts_with("WITH")) return true;
+  // Every query passes here: the common case looks at a few characters and allocates nothing.
+  std::size_t start = 0;
+  while (start < sql.size() && is_blank(sql[start])) ++start;
+  const std::string_view head = sql.substr(start);
+  if (starts_with_letters(head, "SELECT") || starts_with_letters(head, "WITH")) return true;
 
   std::string_view whole = strip(sql);
   while (!whole.empty() && whole.back() == ';') whole.remove_suffix(1);
-  return upper(strip(whole)) == "PRAGMA USER_VERSION";
+  return equals_upper(strip(whole), "PRAGMA USER_VERSION");
 }
 
 bool reader_cannot_serve(const sqlite::OperationalError& error) {
@@ -123,19 +141,29 @@ void Database::connect() {
 
   std::string journal_mode;
   if (mode && mode->size() > 0 && !(*mode)[0].is_null()) journal_mode = lower((*mode)[0].as_text());
-  readers_.exchange(open_readers(journal_mode));
+  // No query runs during connect(), so the pools it replaces can go now.
+  std::vector<std::unique_ptr<ReaderPool>> replaced = std::move(pools_);
+  pools_.clear();
+  set_readers(open_readers(journal_mode));
 }
 
-std::shared_ptr<ReaderPool> Database::open_readers(std::string_view journal_mode) const {
+ReaderPool* Database::set_readers(std::unique_ptr<ReaderPool> pool) {
+  ReaderPool* readers = pool.get();
+  if (pool) pools_.push_back(std::move(pool));
+  readers_.store(readers, std::memory_order_release);
+  return readers;
+}
+
+std::unique_ptr<ReaderPool> Database::open_readers(std::string_view journal_mode) const {
   const int count = reader_count();
   // Only in WAL mode does a read connection escape the writer's lock; an in-memory database
   // reports "memory" and could not be opened a second time anyway.
   if (count == 0 || journal_mode != "wal") return nullptr;
-  return std::make_shared<ReaderPool>(db_path_, count, &utils::register_path_functions);
+  return std::make_unique<ReaderPool>(db_path_, count, &utils::register_path_functions);
 }
 
 void Database::close() {
-  if (const std::shared_ptr<ReaderPool> pool = readers_.load()) pool->close();
+  if (ReaderPool* pool = readers_.load(std::memory_order_acquire)) pool->close();
   // Closing the writer under a statement that another thread runs on it would crash that
   // thread: wait for it.
   const std::lock_guard hold(lock_);
@@ -220,11 +248,11 @@ sqlite::Cursor Database::executemany(std::string_view sql,
   return cursor;
 }
 
-std::shared_ptr<ReaderPool> Database::readers_for(std::string_view sql) const {
+ReaderPool* Database::readers_for(std::string_view sql) const {
   // A thread inside its own transaction must see what it has written so far.
   if (tx_owner_.load(std::memory_order_acquire) == std::this_thread::get_id()) return nullptr;
   if (!detail::is_read_statement(sql)) return nullptr;
-  return readers_.load();
+  return readers_.load(std::memory_order_acquire);
 }
 
 template <class Fetch>
@@ -236,9 +264,8 @@ std::invoke_result_t<Fetch&, sqlite::Cursor&> Database::query(std::string_view s
     cursor.execute(sql, params);
     return fetch(cursor);
   };
-  // The pool stays alive in `readers` for this query even when connect() or a rewrite
-  // replaces it meanwhile; a pool closed meanwhile refuses the lease.
-  if (const std::shared_ptr<ReaderPool> readers = readers_for(sql)) {
+  // A pool closed or replaced meanwhile stays alive (see pools_) and refuses the lease.
+  if (ReaderPool* readers = readers_for(sql)) {
     try {
       ReaderPool::Lease lease = readers->lease();
       return run(lease.connection());

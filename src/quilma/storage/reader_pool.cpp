@@ -3,13 +3,17 @@
 #include <exception>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "quilma/sqlite/error.h"
 
 namespace quilma::storage {
 
 ReaderPool::ReaderPool(std::filesystem::path db_path, int count, Configure configure)
-    : db_path_(std::move(db_path)), count_(count), configure_(std::move(configure)) {
+    : db_path_(std::move(db_path)),
+      count_(count),
+      configure_(std::move(configure)),
+      slots_(count > 0 ? std::make_unique<Slot[]>(static_cast<std::size_t>(count)) : nullptr) {
   if (count_ < 1) {
     throw std::invalid_argument("a reader pool needs at least one connection, not " +
                                 std::to_string(count_));
@@ -24,96 +28,114 @@ ReaderPool::~ReaderPool() {
 }
 
 ReaderPool::Lease::Lease(Lease&& other) noexcept
-    : pool_(std::exchange(other.pool_, nullptr)),
-      connection_(std::exchange(other.connection_, nullptr)) {}
+    : pool_(std::exchange(other.pool_, nullptr)), slot_(std::exchange(other.slot_, nullptr)) {}
 
 ReaderPool::Lease& ReaderPool::Lease::operator=(Lease&& other) noexcept {
   if (this != &other) {
-    if (pool_ != nullptr) pool_->give_back(connection_);
+    if (pool_ != nullptr) pool_->give_back(slot_);
     pool_ = std::exchange(other.pool_, nullptr);
-    connection_ = std::exchange(other.connection_, nullptr);
+    slot_ = std::exchange(other.slot_, nullptr);
   }
   return *this;
 }
 
 ReaderPool::Lease::~Lease() {
-  if (pool_ != nullptr) pool_->give_back(connection_);
+  if (pool_ != nullptr) pool_->give_back(slot_);
+}
+
+ReaderPool::Slot* ReaderPool::try_claim() noexcept {
+  for (int i = 0; i < count_; ++i) {
+    Slot& slot = slots_[static_cast<std::size_t>(i)];
+    if (!slot.taken.load(std::memory_order_relaxed) &&
+        !slot.taken.exchange(true, std::memory_order_seq_cst)) {
+      return &slot;
+    }
+  }
+  return nullptr;
+}
+
+void ReaderPool::raise_closed() const {
+  throw ReaderUnavailable("the read connections of " + db_path_.string() + " are closed");
 }
 
 ReaderPool::Lease ReaderPool::lease() {
-  std::unique_lock lock(mutex_);
-  const auto can_open = [this] {
-    return connections_.size() + static_cast<std::size_t>(opening_) <
-           static_cast<std::size_t>(count_);
-  };
-  const auto settled = [&] { return closed_ || !idle_.empty() || can_open(); };
-  const bool ready = settled() || returned_.wait_until(
-                                      lock, std::chrono::steady_clock::now() + LEASE_WAIT, settled);
-  if (closed_)
-    throw ReaderUnavailable("the read connections of " + db_path_.string() + " are closed");
-  if (!ready) {
-    throw ReaderUnavailable("all " + std::to_string(count_) + " read connections of " +
-                            db_path_.string() + " stayed in use for " +
-                            std::to_string(LEASE_WAIT.count()) + " ms");
-  }
-  if (!idle_.empty()) {
-    sqlite::Connection* connection = idle_.back();
-    idle_.pop_back();
-    ++leased_;
-    return {this, connection};
-  }
+  if (Slot* slot = try_claim()) return lease_slot(slot);
+  if (closed_.load(std::memory_order_seq_cst)) raise_closed();
 
-  // Open a new connection outside the mutex: other leases and give-backs go on meanwhile.
-  ++opening_;
+  std::unique_lock lock(mutex_);
+  waiting_.fetch_add(1, std::memory_order_seq_cst);
+  Slot* slot = nullptr;
+  const bool settled = returned_.wait_until(
+      lock, std::chrono::steady_clock::now() + LEASE_WAIT,
+      [&] { return closed_.load(std::memory_order_seq_cst) || (slot = try_claim()) != nullptr; });
+  waiting_.fetch_sub(1, std::memory_order_seq_cst);
   lock.unlock();
-  std::unique_ptr<sqlite::Connection> opened;
-  std::string failure;
-  try {
-    opened = std::make_unique<sqlite::Connection>(
-        db_path_, sqlite::OpenOptions{.read_only = true, .busy_timeout = std::chrono::seconds(5)});
-    if (configure_) configure_(*opened);
-  } catch (const sqlite::Error& error) {
-    failure = error.what();
-  } catch (...) {
-    lock.lock();
-    --opening_;
-    returned_.notify_all();
-    throw;
-  }
-  lock.lock();
-  --opening_;
-  returned_.notify_all();
-  if (!opened) {
-    throw ReaderUnavailable("cannot open a read connection on " + db_path_.string() + ": " +
-                            failure);
-  }
-  if (closed_) {  // closed while this one was opening; its destructor closes it
-    throw ReaderUnavailable("the read connections of " + db_path_.string() + " are closed");
-  }
-  sqlite::Connection* connection = connections_.emplace_back(std::move(opened)).get();
-  ++leased_;
-  return {this, connection};
+  if (slot != nullptr) return lease_slot(slot);
+  if (settled) raise_closed();
+  throw ReaderUnavailable("all " + std::to_string(count_) + " read connections of " +
+                          db_path_.string() + " stayed in use for " +
+                          std::to_string(LEASE_WAIT.count()) + " ms");
 }
 
-void ReaderPool::give_back(sqlite::Connection* connection) noexcept {
-  {
-    const std::lock_guard lock(mutex_);
-    idle_.push_back(connection);
-    --leased_;
+ReaderPool::Lease ReaderPool::lease_slot(Slot* slot) {
+  // Seen after the claim: either close() has not begun (and will wait for this lease), or
+  // this lease sees the pool closed and lets go.
+  if (closed_.load(std::memory_order_seq_cst)) {
+    give_back(slot);
+    raise_closed();
   }
-  returned_.notify_all();
+  if (!slot->connection) {
+    try {
+      auto opened = std::make_unique<sqlite::Connection>(
+          db_path_,
+          sqlite::OpenOptions{.read_only = true, .busy_timeout = std::chrono::seconds(5)});
+      if (configure_) configure_(*opened);
+      slot->connection = std::move(opened);
+    } catch (const sqlite::Error& error) {
+      give_back(slot);
+      throw ReaderUnavailable("cannot open a read connection on " + db_path_.string() + ": " +
+                              error.what());
+    } catch (...) {
+      give_back(slot);
+      throw;
+    }
+  }
+  return {this, slot};
+}
+
+void ReaderPool::give_back(Slot* slot) noexcept {
+  slot->taken.store(false, std::memory_order_seq_cst);
+  if (waiting_.load(std::memory_order_seq_cst) > 0) {
+    // Taking the mutex orders this wake-up after the waiter's look at the slots.
+    { const std::lock_guard lock(mutex_); }
+    returned_.notify_all();
+  }
 }
 
 void ReaderPool::close() {
   std::vector<std::unique_ptr<sqlite::Connection>> to_close;
   {
     std::unique_lock lock(mutex_);
-    closed_ = true;
+    if (closed_.load(std::memory_order_seq_cst)) {  // another close() ran or is running
+      waiting_.fetch_add(1, std::memory_order_seq_cst);
+      returned_.wait(lock, [this] { return shut_; });
+      waiting_.fetch_sub(1, std::memory_order_seq_cst);
+      return;
+    }
+    closed_.store(true, std::memory_order_seq_cst);
     returned_.notify_all();  // waiting leases see the pool closed
-    returned_.wait(lock, [this] { return leased_ == 0 && opening_ == 0; });
-    to_close.swap(connections_);
-    idle_.clear();
+    // Claim every slot, waiting for the leases in use to end; the slots stay taken, so no
+    // later lease gets one.
+    waiting_.fetch_add(1, std::memory_order_seq_cst);
+    for (int i = 0; i < count_; ++i) {
+      Slot& slot = slots_[static_cast<std::size_t>(i)];
+      returned_.wait(lock, [&slot] { return !slot.taken.exchange(true, std::memory_order_seq_cst); });
+      if (slot.connection) to_close.push_back(std::move(slot.connection));
+    }
+    waiting_.fetch_sub(1, std::memory_order_seq_cst);
+    shut_ = true;
   }
+  returned_.notify_all();
   std::exception_ptr first_error;
   for (auto& connection : to_close) {
     try {

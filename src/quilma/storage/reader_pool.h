@@ -1,15 +1,14 @@
 // A pool of read-only connections on one database file, leased to one thread at a time.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
-#include <vector>
 
 #include "quilma/sqlite/connection.h"
 
@@ -25,6 +24,10 @@ class ReaderUnavailable : public std::runtime_error {
 // Connections are opened on demand, up to `count`, with SQLite's read-only flag and the
 // 5-second busy timeout, and `configure` is applied to each. In WAL mode a read connection
 // sees what was committed before its statement began and never waits for a writer.
+//
+// Each connection sits in a slot that a lease claims with one atomic exchange and gives back
+// with one atomic store, so the common lease takes no lock; the mutex is only for threads
+// that have to wait (every slot taken) and for close().
 class ReaderPool {
  public:
   using Configure = std::function<void(sqlite::Connection&)>;
@@ -41,6 +44,15 @@ class ReaderPool {
   ReaderPool(const ReaderPool&) = delete;
   ReaderPool& operator=(const ReaderPool&) = delete;
 
+ private:
+  struct Slot {
+    // Whether a lease (or close()) holds the slot. The holder alone touches `connection`;
+    // claiming with acquire and giving back with release hands it from holder to holder.
+    std::atomic<bool> taken{false};
+    std::unique_ptr<sqlite::Connection> connection;  // opened by the first lease of the slot
+  };
+
+ public:
   // One read connection for the holder's use alone; given back when the lease is destroyed,
   // also during stack unwinding. A lease must end before its pool is destroyed.
   class Lease {
@@ -51,15 +63,14 @@ class ReaderPool {
     Lease& operator=(const Lease&) = delete;
     ~Lease();
 
-    sqlite::Connection& connection() { return *connection_; }
+    sqlite::Connection& connection() { return *slot_->connection; }
 
    private:
     friend class ReaderPool;
-    Lease(ReaderPool* pool, sqlite::Connection* connection)
-        : pool_(pool), connection_(connection) {}
+    Lease(ReaderPool* pool, Slot* slot) : pool_(pool), slot_(slot) {}
 
     ReaderPool* pool_;
-    sqlite::Connection* connection_;
+    Slot* slot_;
   };
 
   Lease lease();  // throws ReaderUnavailable
@@ -71,20 +82,24 @@ class ReaderPool {
   int capacity() const noexcept { return count_; }
 
  private:
-  void give_back(sqlite::Connection* connection) noexcept;
-  sqlite::Connection* open_one();  // called without mutex_; may throw
+  Slot* try_claim() noexcept;        // a free slot, now taken by the caller, or nullptr
+  Lease lease_slot(Slot* slot);      // opens the slot's connection if needed; checks closed_
+  void give_back(Slot* slot) noexcept;
+  [[noreturn]] void raise_closed() const;
 
   const std::filesystem::path db_path_;
   const int count_;
   const Configure configure_;
+  const std::unique_ptr<Slot[]> slots_;
 
+  std::atomic<bool> closed_{false};
+  // Threads blocked on returned_. Written under mutex_; give_back() reads it after freeing
+  // its slot (both sequentially consistent), so a waiter either sees the free slot when it
+  // looks again or is woken.
+  std::atomic<int> waiting_{0};
   std::mutex mutex_;
-  std::condition_variable returned_;  // a connection came back, or an open ended
-  std::vector<std::unique_ptr<sqlite::Connection>> connections_;  // every one opened
-  std::vector<sqlite::Connection*> idle_;
-  int leased_ = 0;
-  int opening_ = 0;  // connections being opened outside the mutex, counted against count_
-  bool closed_ = false;
+  std::condition_variable returned_;
+  bool shut_ = false;  // close() has claimed every slot and closed the connections
 };
 
 }  // namespace quilma::storage
