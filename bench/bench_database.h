@@ -1,0 +1,31 @@
+// The database file the benchmarks share: a `files` table of BENCH_FILES rows, made once
+// per directory and reused, so that this program and the Python comparison read one file.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+
+namespace quilma::bench {
+
+inline constexpr std::int64_t BENCH_FILES = 50000;
+
+// The directory from QUILMA_BENCH_DIR, or build/bench-data under the working directory.
+std::filesystem::path bench_dir();
+// The shared file, created (through the storage layer's own open) when missing.
+std::filesystem::path bench_database();
+
+// Ids to look up, spread over the table in a fixed pseudo-random order.
+const std::vector<std::int64_t>& lookup_ids();
+
+// The point query of B1 and the twenty texts that B2 rotates through.
+inline constexpr const char* POINT_QUERY = "SELECT id, path, language, hash FROM files WHERE id = ?";
+const std::vector<std::string>& rotation_queries();
+
+// Opens the raw C connection that the comparisons use, with the flags the binding uses.
+sqlite3* open_raw(const std::filesystem::path& path, bool read_only);
+
+}  // namespace quilma::bench
