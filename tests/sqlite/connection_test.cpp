@@ -120,5 +120,26 @@ TEST(ConnectionTest, CloseFinalizesEveryStatementAndIsIdempotent) {
   EXPECT_EQ(moved.handle(), nullptr);
 }
 
+TEST(ConnectionTest, AFailedCloseStillClosesAndLeavesNoHalfOpenCursor) {
+  testing::TempDir dir;
+  Connection connection(dir / "x.db");
+  auto cursor = connection.cursor();
+  cursor.execute("CREATE TABLE t (id INTEGER PRIMARY KEY, b BLOB)");
+  cursor.executemany("INSERT INTO t (b) VALUES (?)", {{Blob{1}}, {Blob{2}}});
+  cursor.execute("SELECT id FROM t");  // stands on its first row
+  sqlite3_blob* blob = nullptr;        // opened behind the binding's back
+  ASSERT_EQ(sqlite3_blob_open(connection.handle(), "main", "t", "b", 1, 0, &blob), SQLITE_OK);
+  try {
+    connection.close();
+    FAIL() << "closed under an open blob";
+  } catch (const OperationalError& error) {
+    EXPECT_EQ(error.code(), SQLITE_BUSY);
+  }
+  EXPECT_EQ(connection.handle(), nullptr);
+  EXPECT_THROW(cursor.fetchone(), ProgrammingError);
+  EXPECT_THROW(connection.cursor(), ProgrammingError);
+  sqlite3_blob_close(blob);  // SQLite frees the handle now; the leak checker would see it
+}
+
 }  // namespace
 }  // namespace quilma::sqlite

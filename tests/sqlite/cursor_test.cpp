@@ -113,6 +113,31 @@ TEST_F(CursorTest, CacheStaysBoundedUnderManyDistinctTexts) {
   EXPECT_EQ(cursor.execute("SELECT 499").fetchone().value()[0], Value(499));
 }
 
+TEST_F(CursorTest, TheCacheKeepsWhatIsUsedAndLetsAnEvictedStatementFinish) {
+  auto cursor = connection_.cursor();
+  cursor.executemany("INSERT INTO t (name) VALUES (?)", {{"a"}, {"b"}, {"c"}});
+  const std::string hot = "SELECT name FROM t WHERE id = ?";
+  for (int i = 0; i < 200; ++i) {
+    cursor.execute(hot, {1}).fetchall();
+    cursor.execute("SELECT " + std::to_string(i)).fetchall();
+  }
+  // Used between the others, the hot text was never evicted: one statement ran all 200 times.
+  int runs = 0;
+  for (sqlite3_stmt* stmt = sqlite3_next_stmt(connection_.handle(), nullptr); stmt != nullptr;
+       stmt = sqlite3_next_stmt(connection_.handle(), stmt)) {
+    if (hot == sqlite3_sql(stmt)) runs = sqlite3_stmt_status(stmt, SQLITE_STMTSTATUS_RUN, 0);
+  }
+  EXPECT_EQ(runs, 200);
+
+  const std::string held_sql = "SELECT name FROM t ORDER BY id";
+  auto held = connection_.cursor();
+  EXPECT_EQ(held.execute(held_sql).fetchone().value()[0], Value("a"));
+  for (int i = 0; i < 100; ++i) cursor.execute("SELECT " + std::to_string(1000 + i)).fetchall();
+  EXPECT_EQ(held.fetchall().size(), 2U);  // evicted meanwhile, still usable
+  held.close();
+  for (const auto& [sql, busy] : prepared()) EXPECT_NE(sql, held_sql);  // and now finalized
+}
+
 TEST_F(CursorTest, TwoCursorsOnOneTextNeverShareAStatement) {
   auto cursor = connection_.cursor();
   cursor.executemany("INSERT INTO t (name) VALUES (?)", {{"a"}, {"b"}, {"c"}});
@@ -125,6 +150,8 @@ TEST_F(CursorTest, TwoCursorsOnOneTextNeverShareAStatement) {
   EXPECT_EQ(second.fetchone().value()[0], Value("a"));
   EXPECT_EQ(first.fetchone().value()[0], Value("b"));
   EXPECT_EQ(second.fetchall().size(), 2U);
+  // A third use of the text while `first` still holds it, through executemany.
+  EXPECT_EQ(connection_.cursor().executemany(sql, {}).rowcount(), -1);
   EXPECT_EQ(first.fetchall().size(), 1U);
   // The private copy made for the second cursor is gone once it is done.
   const auto statements = prepared();

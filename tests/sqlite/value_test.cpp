@@ -11,13 +11,23 @@
 namespace quilma::sqlite {
 namespace {
 
-TEST(ValueTest, RealsReadAsTextTheWaySqliteWritesThem) {
+TEST(ValueTest, RealsReadAsTextInTheirShortestRoundTripForm) {
   // A version recorded as a number must come back as the text a user wrote ("3.1", "2.0").
   EXPECT_EQ(Value(3.1).as_text(), "3.1");
   EXPECT_EQ(Value(2.0).as_text(), "2.0");
   EXPECT_EQ(Value(-0.5).as_text(), "-0.5");
-  EXPECT_EQ(Value(1e100).as_text(), "1e+100");
+  EXPECT_EQ(Value(123.456).as_text(), "123.456");
+  EXPECT_EQ(Value(-0.0).as_text(), "-0.0");
   EXPECT_EQ(Value(0.1 + 0.2).as_text(), "0.30000000000000004");
+  // Fixed notation from 1e-4 up to below 1e16, exponent form outside.
+  EXPECT_EQ(Value(100000.0).as_text(), "100000.0");
+  EXPECT_EQ(Value(1e15).as_text(), "1000000000000000.0");
+  EXPECT_EQ(Value(1e16).as_text(), "1e+16");
+  EXPECT_EQ(Value(1.5e16).as_text(), "1.5e+16");
+  EXPECT_EQ(Value(1e100).as_text(), "1e+100");
+  EXPECT_EQ(Value(0.0001).as_text(), "0.0001");
+  EXPECT_EQ(Value(0.00001).as_text(), "1e-05");
+  EXPECT_EQ(Value(1.25e-7).as_text(), "1.25e-07");
   EXPECT_EQ(Value(std::int64_t{-42}).as_text(), "-42");
   EXPECT_EQ(Value(INT64_MAX).as_text(), "9223372036854775807");
 }

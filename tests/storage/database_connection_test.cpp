@@ -152,6 +152,7 @@ TEST_F(DatabaseTest, LifecycleStatesAndTheirMessages) {
   const std::string closed = "Database is closed.";
   EXPECT_EQ(runtime_error_of([&] { db_.connection(); }), closed);
   EXPECT_EQ(runtime_error_of([&] { db_.execute("SELECT 1"); }), closed);
+  EXPECT_EQ(runtime_error_of([&] { db_.executemany("SELECT 1", {}); }), closed);
   EXPECT_EQ(runtime_error_of([&] { db_.transaction([](sqlite::Cursor&) {}); }), closed);
   // A query finds the closed pool unable to lease, then the writer closed.
   EXPECT_EQ(runtime_error_of([&] { db_.fetchone("SELECT 1"); }), closed);
@@ -362,14 +363,38 @@ TEST_F(DatabaseTest, AReadConnectionsRefusalSendsTheStatementToTheWriter) {
 TEST_F(DatabaseTest, OtherReadErrorsAreNotRetriedOnTheWriter) {
   open();
   testing::StatementTrace writer(db_.connection().handle());
-  try {
-    db_.fetchone("SELECT * FROM missing");
-    FAIL() << "no error";
-  } catch (const sqlite::OperationalError& error) {
-    EXPECT_STREQ(error.what(), "no such table: missing");
-  }
-  EXPECT_THROW(db_.fetchall("SELECT FROM"), sqlite::OperationalError);
-  EXPECT_TRUE(writer.statements().empty());
+  // Another thread holds the writer: a retry there would wait for it.
+  std::latch holding(1);
+  std::latch done(1);
+  std::thread holder([&] {
+    db_.transaction([&](sqlite::Cursor&) {
+      holding.count_down();
+      done.wait();
+    });
+  });
+  holding.wait();
+  writer.clear();
+  auto failures = std::async(std::launch::async, [&] {
+    std::vector<std::string> messages;
+    for (const char* sql :
+         {"SELECT * FROM missing", "SELECT FROM", "SELECT abs(-9223372036854775808)"}) {
+      try {
+        db_.fetchone(sql);
+        messages.emplace_back("(no error)");
+      } catch (const sqlite::OperationalError& error) {
+        messages.emplace_back(error.what());
+      }
+    }
+    return messages;
+  });
+  const bool answered = failures.wait_for(10s) == std::future_status::ready;
+  done.count_down();
+  holder.join();
+  ASSERT_TRUE(answered) << "a failed read waited for the writer";
+  EXPECT_EQ(failures.get(),
+            (std::vector<std::string>{"no such table: missing", "near \"FROM\": syntax error",
+                                      "integer overflow"}));
+  EXPECT_EQ(writer.statements(), (std::vector<std::string>{"COMMIT"}));
 }
 
 TEST_F(DatabaseTest, AnUnavailablePoolSendsQueriesToTheWriter) {
@@ -379,6 +404,23 @@ TEST_F(DatabaseTest, AnUnavailablePoolSendsQueriesToTheWriter) {
   testing::StatementTrace writer(db_.connection().handle());
   EXPECT_EQ(db_.fetchone("SELECT v FROM t").value()[0], sqlite::Value("x"));
   EXPECT_EQ(writer.count("SELECT v FROM t"), 1);
+}
+
+TEST_F(DatabaseTest, ABodyThatClosesItsCursorStillEndsTheTransaction) {
+  open();
+  EXPECT_THROW(db_.transaction([](sqlite::Cursor& cursor) {
+    cursor.execute("INSERT INTO t (v) VALUES ('a')");
+    cursor.close();
+    throw MarkedError("after closing the cursor");
+  }),
+               MarkedError);
+  EXPECT_NE(sqlite3_get_autocommit(db_.connection().handle()), 0);
+  db_.transaction([](sqlite::Cursor& cursor) {
+    cursor.execute("INSERT INTO t (v) VALUES ('b')");
+    sqlite::Cursor taken = std::move(cursor);
+  });
+  EXPECT_NE(sqlite3_get_autocommit(db_.connection().handle()), 0);
+  EXPECT_EQ(rows(), 1);
 }
 
 TEST_F(DatabaseTest, QueriesWithoutRowsGiveNothing) {
@@ -433,6 +475,9 @@ TEST_F(DatabaseTest, ClosingInsideOwnTransactionEndsItCleanly) {
   EXPECT_THROW(db_.transaction([&](sqlite::Cursor& cursor) {
     cursor.execute("INSERT INTO t (v) VALUES ('lost')");
     db_.close();
+    EXPECT_EQ(runtime_error_of([&] { db_.transaction([](sqlite::Cursor&) {}); }),
+              "Database is closed.");
+    EXPECT_EQ(Peer::tx_depth(db_), 1);
   }),
                sqlite::ProgrammingError);  // the COMMIT finds the connection gone
   EXPECT_EQ(Peer::tx_depth(db_), 0);
@@ -455,6 +500,7 @@ TEST_F(DatabaseTest, TwoDatabasesOnOneFileShareCommitsAndWaitForEachOther) {
       other.execute("INSERT INTO t (v) VALUES ('second')");  // waits on the busy timeout
     });
     trying.wait();
+    EXPECT_TRUE(still_blocked(write));
   });
   write.get();
   EXPECT_EQ(Peer::count(other, "SELECT COUNT(*) FROM t"), 2);

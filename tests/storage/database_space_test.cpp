@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/database_test_peer.h"
 #include "support/temp_dir.h"
@@ -66,11 +67,23 @@ TEST(SpaceTest, MeasuresPagesFreePagesAndMode) {
 
   db.execute("INSERT INTO t SELECT zeroblob(100000) FROM (SELECT 1 UNION SELECT 2)");
   db.execute("DELETE FROM t");
-  const auto [mode, pages, free, page_size] = DatabaseTestPeer::space(db.connection());
-  EXPECT_GT(free, 20);
-  EXPECT_GT(pages, fresh.pages);
-  (void)mode;
-  (void)page_size;
+  const detail::Space after = DatabaseTestPeer::space(db.connection());
+  EXPECT_GT(after.free, 20);
+  EXPECT_GT(after.pages, fresh.pages);
+}
+
+TEST(SpaceTest, ReadsEachFieldOfAnOlderFileAndFailsOnAClosedOne) {
+  testing::TempDir dir;
+  sqlite::Connection connection(dir / "old.db");
+  auto cursor = connection.cursor();
+  cursor.execute("PRAGMA page_size=4096");
+  cursor.execute("PRAGMA auto_vacuum=NONE");
+  cursor.execute("CREATE TABLE t (x)");
+  cursor.close();
+  const detail::Space space = DatabaseTestPeer::space(connection);
+  EXPECT_EQ(space, (detail::Space{detail::AUTO_VACUUM_NONE, 2, 0, 4096}));
+  connection.close();
+  EXPECT_THROW(DatabaseTestPeer::space(connection), sqlite::Error);
 }
 
 TEST(SameVolumeTest, UnknownCountsAsOneVolume) {
@@ -94,9 +107,11 @@ TEST(TempDirectoryTest, FollowsSqlitesOwnLookup) {
     testing::ScopedEnv tmpdir("TMPDIR", dir.path().c_str());
     EXPECT_EQ(detail::temp_directory(), dir.path());
   }
-  {
+  struct stat status {};
+  if (::stat("/var/tmp", &status) == 0 && S_ISDIR(status.st_mode) &&
+      ::access("/var/tmp", W_OK | X_OK) == 0) {
     testing::ScopedEnv not_a_directory("TMPDIR", "/dev/null");
-    EXPECT_NE(detail::temp_directory(), "/dev/null");
+    EXPECT_EQ(detail::temp_directory(), "/var/tmp");  // the next place SQLite looks
   }
 }
 
@@ -159,6 +174,14 @@ TEST_F(DiskShortfallTest, TwoVolumesEachNeedOneCopyAndOneMargin) {
   EXPECT_EQ(
       detail::disk_shortfall(db_dir_.path(), used),
       "not enough disk space: 10 MiB free in " + db_dir_.path().string() + ", 564 MiB needed");
+
+  // Found through the default lookup too: SQLITE_TMPDIR unset, TMPDIR on the other volume.
+  testing::ScopedEnv unset("SQLITE_TMPDIR", nullptr);
+  testing::ScopedEnv tmpdir("TMPDIR", other.c_str());
+  disks_.set(db_dir_.path(), 564 * MiB);
+  disks_.set(other, 564 * MiB);
+  EXPECT_EQ(detail::disk_shortfall(db_dir_.path(), used), std::nullopt);
+  EXPECT_EQ(disks_.asked().back(), other);
 }
 
 TEST(DiskShortfallErrorTest, AFailedFreeSpaceQueryRaises) {

@@ -74,7 +74,7 @@ TEST_F(ReaderPoolTest, AnExhaustedPoolGivesUpAfterItsBoundedWait) {
 }
 
 TEST_F(ReaderPoolTest, AWaitingLeaseTakesTheConnectionThatComesBack) {
-  ReaderPool pool(dir_ / "pool.db", 1);
+  ReaderPool pool(dir_ / "pool.db", 1, {}, std::chrono::seconds(30));
   std::optional<ReaderPool::Lease> held(pool.lease());
   std::latch waiting(1);
   auto waiter = std::async(std::launch::async, [&] {
@@ -83,7 +83,8 @@ TEST_F(ReaderPoolTest, AWaitingLeaseTakesTheConnectionThatComesBack) {
     return lease.connection().cursor().execute("SELECT count(*) FROM t").fetchone().value()[0];
   });
   waiting.wait();
-  held.reset();
+  ASSERT_EQ(waiter.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  held.reset();  // the waiter, blocked in lease(), gets this connection
   EXPECT_EQ(waiter.get(), sqlite::Value(1));
 }
 

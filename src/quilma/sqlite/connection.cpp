@@ -51,7 +51,7 @@ Connection::~Connection() {
 }
 
 Cursor Connection::cursor() {
-  if (!state_) throw ProgrammingError(SQLITE_MISUSE, "Cannot operate on a closed database.");
+  if (!state_) raise_error(SQLITE_MISUSE, "Cannot operate on a closed database.");
   state_->check_open();
   return Cursor(state_);
 }

@@ -31,7 +31,9 @@ class Connection {
   Cursor cursor();
   sqlite3* handle() const noexcept;  // nullptr once closed
   // Finalizes every statement the connection prepared, then closes the handle. Idempotent.
-  // When SQLite refuses to close, the error is thrown and the connection stays open.
+  // When SQLite refuses (a blob or backup opened on handle() is still open), the error is
+  // thrown, the connection is closed all the same, and SQLite frees the handle when that
+  // object goes.
   void close();
 
  private:

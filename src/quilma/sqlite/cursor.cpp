@@ -39,11 +39,11 @@ Cursor& Cursor::operator=(Cursor&& other) noexcept {
 }
 
 detail::ConnectionState& Cursor::usable_state() const {
-  if (closed_) throw ProgrammingError(SQLITE_MISUSE, "Cannot operate on a closed cursor.");
+  if (closed_) raise_error(SQLITE_MISUSE, "Cannot operate on a closed cursor.");
   if (detached_) {
-    throw ProgrammingError(SQLITE_MISUSE,
-                           "Cannot execute on a cursor whose result was read ahead; "
-                           "open a new cursor on the connection.");
+    raise_error(SQLITE_MISUSE,
+                "Cannot execute on a cursor whose result was read ahead; "
+                "open a new cursor on the connection.");
   }
   state_->check_open();
   return *state_;
@@ -60,11 +60,11 @@ void Cursor::bind(const Params& params) {
   sqlite3_stmt* stmt = statement_->handle();
   const int expected = sqlite3_bind_parameter_count(stmt);
   if (static_cast<std::size_t>(expected) != params.size()) {
-    throw ProgrammingError(SQLITE_RANGE,
-                           "Incorrect number of bindings supplied. The current "
-                           "statement uses " +
-                               std::to_string(expected) + ", and there are " +
-                               std::to_string(params.size()) + " supplied.");
+    raise_error(SQLITE_RANGE,
+                "Incorrect number of bindings supplied. The current "
+                "statement uses " +
+                    std::to_string(expected) + ", and there are " + std::to_string(params.size()) +
+                    " supplied.");
   }
   for (int i = 0; i < expected; ++i) {
     const Value& value = params[static_cast<std::size_t>(i)];
@@ -177,6 +177,7 @@ Cursor& Cursor::executemany(std::string_view sql, const std::vector<Params>& par
     return *this;
   }
   detail::Statement* statement = statement_;
+  const bool changes_rows = statement->changes_rows();  // the statement may go with release
   std::int64_t total = 0;
   try {
     for (const Params& params : params_list) {
@@ -184,7 +185,7 @@ Cursor& Cursor::executemany(std::string_view sql, const std::vector<Params>& par
       bind(params);
       const int rc = sqlite3_step(statement->handle());
       if (rc == SQLITE_ROW) {
-        throw ProgrammingError(SQLITE_MISUSE, "executemany() can only execute DML statements.");
+        raise_error(SQLITE_MISUSE, "executemany() can only execute DML statements.");
       }
       if (rc != SQLITE_DONE) state_->raise_last_error();
       total += sqlite3_changes64(state_->db());
@@ -194,18 +195,21 @@ Cursor& Cursor::executemany(std::string_view sql, const std::vector<Params>& par
     throw;
   }
   release_statement();
-  rowcount_ = statement->changes_rows() ? total : -1;
+  rowcount_ = changes_rows ? total : -1;
   return *this;
 }
 
 std::optional<Row> Cursor::fetchone() {
-  if (closed_) throw ProgrammingError(SQLITE_MISUSE, "Cannot operate on a closed cursor.");
+  if (closed_) raise_error(SQLITE_MISUSE, "Cannot operate on a closed cursor.");
   if (detached_) {
     if (next_buffered_ == buffered_.size()) return std::nullopt;
     return std::move(buffered_[next_buffered_++]);
   }
   if (statement_ == nullptr) return std::nullopt;
   state_->check_open();
+  if (statement_->handle() == nullptr) {  // finalized under the cursor by a close
+    raise_error(SQLITE_MISUSE, "Cannot operate on a closed database.");
+  }
   if (!on_row_ && !step()) return std::nullopt;
   Row row = current_row();
   return row;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <string>
 #include <utility>
 
 #include "quilma/sqlite/error.h"
@@ -53,7 +54,7 @@ bool starts_with_keyword(std::string_view sql, std::size_t at, std::string_view 
 
 Statement::Statement(sqlite3* db, std::string_view sql, bool persistent) : sql_(sql) {
   if (sql_.size() > static_cast<std::size_t>(INT_MAX)) {
-    throw DataError(SQLITE_TOOBIG, "SQL text is too long");
+    raise_error(SQLITE_TOOBIG, "SQL text is too long");
   }
   const char* tail = nullptr;
   const int rc = sqlite3_prepare_v3(db, sql_.data(), static_cast<int>(sql_.size()),
@@ -64,7 +65,7 @@ Statement::Statement(sqlite3* db, std::string_view sql, bool persistent) : sql_(
   while ((rest = skip_blanks_and_comments(sql_, rest)) < sql_.size() && sql_[rest] == ';') ++rest;
   if (rest < sql_.size()) {
     finalize();
-    throw ProgrammingError(SQLITE_MISUSE, "You can only execute one statement at a time.");
+    raise_error(SQLITE_MISUSE, "You can only execute one statement at a time.");
   }
 
   const std::size_t start = skip_blanks_and_comments(sql_, 0);
@@ -107,7 +108,7 @@ ConnectionState::~ConnectionState() {
 
 void ConnectionState::check_open() const {
   if (db_ == nullptr) {
-    throw ProgrammingError(SQLITE_MISUSE, "Cannot operate on a closed database.");
+    raise_error(SQLITE_MISUSE, "Cannot operate on a closed database.");
   }
 }
 
@@ -182,9 +183,17 @@ void ConnectionState::finalize_all() noexcept {
 void ConnectionState::close() {
   if (db_ == nullptr) return;
   finalize_all();
-  const int rc = sqlite3_close(db_);
-  if (rc != SQLITE_OK) raise_last_error();
-  db_ = nullptr;
+  if (sqlite3_close(db_) == SQLITE_OK) {
+    db_ = nullptr;
+    return;
+  }
+  // Something outside the binding still holds the handle (a blob or backup opened through
+  // handle()). Report it, but leave no half-closed connection behind: SQLite frees the handle
+  // as soon as that object goes, and this connection counts as closed from now on.
+  const int code = sqlite3_extended_errcode(db_);
+  std::string message = sqlite3_errmsg(db_);
+  sqlite3_close_v2(std::exchange(db_, nullptr));
+  raise_error(code, std::move(message));
 }
 
 void ConnectionState::raise_last_error() const {

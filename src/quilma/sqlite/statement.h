@@ -69,8 +69,10 @@ class ConnectionState {
   // one that is not cached).
   void release(Statement* statement) noexcept;
 
-  // Finalizes every statement, cached or held by a cursor, then closes the handle. On
-  // failure the handle stays open and usable, and the error is thrown.
+  // Finalizes every statement, cached or held by a cursor, then closes the handle. When SQLite
+  // refuses (an object opened on the handle outside the binding is still open), the handle is
+  // left to close itself once that object goes, the connection counts as closed, and the
+  // refusal is thrown.
   void close();
 
   [[noreturn]] void raise_last_error() const;

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <string>
+#include <system_error>
 
 #include <sqlite3.h>
 
@@ -29,28 +30,50 @@ const char* type_name(Value::Type type) {
   return "?";
 }
 
-// The shortest text that reads back as the same double, with ".0" added to whole numbers
-// the way SQLite's CAST(x AS TEXT) writes them ("3.0", "3.1", "1e+100").
+// The shortest digits that read back as the same double, written in fixed notation unless the
+// exponent is below -4 or above 15, and with ".0" after a whole number: "3.0", "3.1",
+// "100000.0", "1e+16", "1e-05" (the form Python's repr gives, so that a version recorded as a
+// number reads back as it was written).
 std::string real_text(double value) {
-  if (std::isnan(value)) return "NaN";
-  if (std::isinf(value)) return value > 0 ? "Inf" : "-Inf";
+  if (std::isnan(value)) return "nan";
+  if (std::isinf(value)) return value > 0 ? "inf" : "-inf";
   std::array<char, 32> buffer{};
-  auto [end, ec] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
-  std::string text(buffer.data(), end);
-  if (text.find_first_of(".e") == std::string::npos) text += ".0";
+  const auto [end, ec] = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
+                                       std::chars_format::scientific);
+  std::string scientific(buffer.data(), end);  // "-1.2345e+17", "1e-05"
+  const std::size_t e = scientific.find('e');
+  const int exponent = std::stoi(scientific.substr(e + 1));
+  if (exponent < -4 || exponent >= 16) return scientific;
+
+  const bool negative = scientific.front() == '-';
+  std::string digits;
+  for (std::size_t i = negative ? 1 : 0; i < e; ++i) {
+    if (scientific[i] != '.') digits += scientific[i];
+  }
+  std::string text = negative ? "-" : "";
+  if (exponent < 0) {
+    text += "0." + std::string(static_cast<std::size_t>(-exponent - 1), '0') + digits;
+  } else {
+    const auto whole = static_cast<std::size_t>(exponent) + 1;
+    if (digits.size() <= whole) {
+      text += digits + std::string(whole - digits.size(), '0') + ".0";
+    } else {
+      text += digits.substr(0, whole) + "." + digits.substr(whole);
+    }
+  }
   return text;
 }
 
 }  // namespace
 
 void Value::out_of_range(std::uint64_t value) {
-  throw ProgrammingError(SQLITE_RANGE, "integer " + std::to_string(value) +
-                                           " does not fit in SQLite's 64-bit INTEGER");
+  raise_error(SQLITE_RANGE,
+              "integer " + std::to_string(value) + " does not fit in SQLite's 64-bit INTEGER");
 }
 
 void Value::wrong_type(const char* wanted) const {
-  throw ProgrammingError(SQLITE_MISMATCH, std::string("value of type ") + type_name(type()) +
-                                              " cannot be read as " + wanted);
+  raise_error(SQLITE_MISUSE,
+              std::string("value of type ") + type_name(type()) + " cannot be read as " + wanted);
 }
 
 std::int64_t Value::as_int() const {

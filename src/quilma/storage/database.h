@@ -102,7 +102,10 @@ class Database {
    private:
     Database& db_;
     std::unique_lock<std::recursive_mutex> hold_;
-    std::optional<sqlite::Cursor> cursor_;  // destroyed before hold_ lets go
+    std::optional<sqlite::Cursor> cursor_;  // the body's; destroyed before hold_ lets go
+    // The outermost level's own cursor for BEGIN, COMMIT and ROLLBACK, so that a body that
+    // closes or moves away its cursor cannot leave the transaction open behind the lock.
+    std::optional<sqlite::Cursor> control_;
     bool outermost_ = false;
   };
 

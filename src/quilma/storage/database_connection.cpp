@@ -141,10 +141,12 @@ void Database::connect() {
 
   std::string journal_mode;
   if (mode && mode->size() > 0 && !(*mode)[0].is_null()) journal_mode = lower((*mode)[0].as_text());
-  // No query runs during connect(), so the pools it replaces can go now.
+  // No query runs during connect(), so the pools it replaces can go now; a pool that fails
+  // to open leaves the current one in place.
+  std::unique_ptr<ReaderPool> opened = open_readers(journal_mode);
   std::vector<std::unique_ptr<ReaderPool>> replaced = std::move(pools_);
   pools_.clear();
-  set_readers(open_readers(journal_mode));
+  set_readers(std::move(opened));
 }
 
 ReaderPool* Database::set_readers(std::unique_ptr<ReaderPool> pool) {
@@ -168,9 +170,11 @@ void Database::close() {
   // thread: wait for it.
   const std::lock_guard hold(lock_);
   if (connection_.load(std::memory_order_acquire) != nullptr) {
-    writer_->close();
-    connection_.store(nullptr, std::memory_order_release);
+    // The writer is closed even when SQLite reports an error from it. closed_ goes first: a
+    // thread that sees no connection must also see why.
     closed_.store(true, std::memory_order_release);
+    connection_.store(nullptr, std::memory_order_release);
+    writer_->close();
   }
 }
 
@@ -195,12 +199,13 @@ Database::TransactionLevel::TransactionLevel(Database& db) : db_(db), hold_(db.l
     return;
   }
   cursor_.emplace(db_.connection().cursor());
+  control_.emplace(db_.connection().cursor());
   outermost_ = true;
   db_.tx_depth_ = 1;
   db_.tx_owner_.store(std::this_thread::get_id(), std::memory_order_release);
   try {
     // Deferred: the file's write lock is taken at the first write.
-    cursor_->execute("BEGIN");
+    control_->execute("BEGIN");
   } catch (...) {
     rollback();
     db_.tx_depth_ = 0;
@@ -211,6 +216,7 @@ Database::TransactionLevel::TransactionLevel(Database& db) : db_(db), hold_(db.l
 
 Database::TransactionLevel::~TransactionLevel() {
   cursor_.reset();
+  control_.reset();
   if (outermost_) {
     db_.tx_depth_ = 0;
     db_.tx_owner_.store(std::thread::id(), std::memory_order_release);
@@ -220,13 +226,13 @@ Database::TransactionLevel::~TransactionLevel() {
 }
 
 void Database::TransactionLevel::commit() {
-  if (outermost_) cursor_->execute("COMMIT");
+  if (outermost_) control_->execute("COMMIT");
 }
 
 void Database::TransactionLevel::rollback() {
   if (!outermost_) return;
   try {
-    cursor_->execute("ROLLBACK");
+    control_->execute("ROLLBACK");
   } catch (const sqlite::Error&) {  // the error that caused the rollback is what matters
   }
 }

@@ -41,8 +41,9 @@ struct Space {
 // Whether two directories are on one volume (unknown counts as one: the worst case).
 bool same_volume(const std::filesystem::path& first, const std::filesystem::path& second);
 
-// The directory of a VACUUM's temporary copy: SQLITE_TMPDIR when set and not empty, else the
-// first writable directory of TMPDIR, /var/tmp, /usr/tmp, /tmp and ".", as SQLite looks.
+// The directory of a VACUUM's temporary copy: SQLITE_TMPDIR when set and not empty (as given,
+// even when it names no directory), else the first writable directory of TMPDIR, /var/tmp,
+// /usr/tmp, /tmp and "." in the order of SQLite's own lookup on Unix.
 std::filesystem::path temp_directory();
 
 // std::nullopt when the disks can hold a VACUUM of `used_bytes` bytes of data (a copy in the

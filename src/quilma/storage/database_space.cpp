@@ -6,9 +6,11 @@
 #include <utility>
 #include <vector>
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "quilma/sqlite/error.h"
 #include "quilma/storage/database.h"
 #include "quilma/storage/database_detail.h"
 
@@ -96,7 +98,9 @@ detail::Space Database::space(sqlite::Connection& connection) {
   sqlite::Cursor cursor = connection.cursor();
   auto read = [&cursor](const char* pragma) -> std::int64_t {
     const std::optional<sqlite::Row> row = cursor.execute(pragma).fetchone();
-    return row ? (*row)[0].as_int() : 0;
+    // Never on an open file; a 0 read as "no auto-vacuum" would send compaction astray.
+    if (!row) sqlite::raise_error(SQLITE_ERROR, std::string(pragma) + " returned no row");
+    return (*row)[0].as_int();
   };
   detail::Space space;
   space.mode = read("PRAGMA auto_vacuum");

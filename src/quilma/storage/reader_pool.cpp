@@ -9,10 +9,12 @@
 
 namespace quilma::storage {
 
-ReaderPool::ReaderPool(std::filesystem::path db_path, int count, Configure configure)
+ReaderPool::ReaderPool(std::filesystem::path db_path, int count, Configure configure,
+                       std::chrono::milliseconds lease_wait)
     : db_path_(std::move(db_path)),
       count_(count),
       configure_(std::move(configure)),
+      lease_wait_(lease_wait),
       slots_(count > 0 ? std::make_unique<Slot[]>(static_cast<std::size_t>(count)) : nullptr) {
   if (count_ < 1) {
     throw std::invalid_argument("a reader pool needs at least one connection, not " +
@@ -46,7 +48,10 @@ ReaderPool::Lease::~Lease() {
 ReaderPool::Slot* ReaderPool::try_claim() noexcept {
   for (int i = 0; i < count_; ++i) {
     Slot& slot = slots_[static_cast<std::size_t>(i)];
-    if (!slot.taken.load(std::memory_order_relaxed) &&
+    // Sequentially consistent even for the look before the exchange: a waiter that has
+    // counted itself in waiting_ must not miss a slot that give_back() freed before reading
+    // waiting_ (free on x86, where such loads are plain moves).
+    if (!slot.taken.load(std::memory_order_seq_cst) &&
         !slot.taken.exchange(true, std::memory_order_seq_cst)) {
       return &slot;
     }
@@ -66,7 +71,7 @@ ReaderPool::Lease ReaderPool::lease() {
   waiting_.fetch_add(1, std::memory_order_seq_cst);
   Slot* slot = nullptr;
   const bool settled = returned_.wait_until(
-      lock, std::chrono::steady_clock::now() + LEASE_WAIT,
+      lock, std::chrono::steady_clock::now() + lease_wait_,
       [&] { return closed_.load(std::memory_order_seq_cst) || (slot = try_claim()) != nullptr; });
   waiting_.fetch_sub(1, std::memory_order_seq_cst);
   lock.unlock();
@@ -74,7 +79,7 @@ ReaderPool::Lease ReaderPool::lease() {
   if (settled) raise_closed();
   throw ReaderUnavailable("all " + std::to_string(count_) + " read connections of " +
                           db_path_.string() + " stayed in use for " +
-                          std::to_string(LEASE_WAIT.count()) + " ms");
+                          std::to_string(lease_wait_.count()) + " ms");
 }
 
 ReaderPool::Lease ReaderPool::lease_slot(Slot* slot) {
@@ -129,7 +134,8 @@ void ReaderPool::close() {
     waiting_.fetch_add(1, std::memory_order_seq_cst);
     for (int i = 0; i < count_; ++i) {
       Slot& slot = slots_[static_cast<std::size_t>(i)];
-      returned_.wait(lock, [&slot] { return !slot.taken.exchange(true, std::memory_order_seq_cst); });
+      returned_.wait(lock,
+                     [&slot] { return !slot.taken.exchange(true, std::memory_order_seq_cst); });
       if (slot.connection) to_close.push_back(std::move(slot.connection));
     }
     waiting_.fetch_sub(1, std::memory_order_seq_cst);

@@ -39,7 +39,8 @@ class ReaderPool {
   // fallback (the writer connection) than by an unbounded queue.
   static constexpr std::chrono::milliseconds LEASE_WAIT{100};
 
-  ReaderPool(std::filesystem::path db_path, int count, Configure configure = {});
+  ReaderPool(std::filesystem::path db_path, int count, Configure configure = {},
+             std::chrono::milliseconds lease_wait = LEASE_WAIT);
   ~ReaderPool();  // closes; never throws
   ReaderPool(const ReaderPool&) = delete;
   ReaderPool& operator=(const ReaderPool&) = delete;
@@ -82,14 +83,15 @@ class ReaderPool {
   int capacity() const noexcept { return count_; }
 
  private:
-  Slot* try_claim() noexcept;        // a free slot, now taken by the caller, or nullptr
-  Lease lease_slot(Slot* slot);      // opens the slot's connection if needed; checks closed_
+  Slot* try_claim() noexcept;    // a free slot, now taken by the caller, or nullptr
+  Lease lease_slot(Slot* slot);  // opens the slot's connection if needed; checks closed_
   void give_back(Slot* slot) noexcept;
   [[noreturn]] void raise_closed() const;
 
   const std::filesystem::path db_path_;
   const int count_;
   const Configure configure_;
+  const std::chrono::milliseconds lease_wait_;
   const std::unique_ptr<Slot[]> slots_;
 
   std::atomic<bool> closed_{false};

@@ -4,8 +4,9 @@
 //   path_glob(pattern, path)     1 when `path` matches the glob `pattern`, else 0
 //   path_under(path, directory)  1 when `path` is `directory` or lies below it, else 0
 //
-// Both are deterministic; a NULL argument gives NULL, an argument that is not text gives an
-// SQL error that names the function.
+// Both are deterministic and work on UTF-8 characters; a NULL argument gives NULL, an
+// argument that is not text, or a pattern longer than 1024 bytes, gives an SQL error that
+// names the function.
 #pragma once
 
 #include <string_view>
@@ -19,7 +20,8 @@ namespace quilma::utils {
 // Glob over '/'-separated paths: `*` matches any run of characters within one segment, `?`
 // one character other than '/', `[abc]`, `[a-z]` and `[!abc]` (or `[^abc]`) one character of
 // a set, and a segment that is exactly `**` matches zero or more whole segments. A backslash
-// makes the next character literal. The whole path must match.
+// makes the next character literal. '/' always separates segments, also inside brackets. The
+// whole path must match; it costs at most about |pattern| x |path| steps.
 bool glob_match(std::string_view pattern, std::string_view path);
 
 // Whether `path` equals `directory` or lies below it. Trailing slashes of `directory` are
