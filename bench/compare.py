@@ -121,8 +121,9 @@ def main():
             add("B3 read p99 during a 3 s write / idle p99 (pool)", f"{ratio:.2f}x", "<= 1.25x",
                 ratio <= 1.25)
             add("B3 reads over 1 ms during the write (pool)",
-                f"{int(entry['write_over_1ms'])} of {int(entry['write_reads'])} "
-                f"(idle: {int(entry['idle_over_1ms'])} of {int(entry['idle_reads'])})", "0",
+                f"{int(entry['write_over_1ms'])} of {int(entry['write_reads'])}, reader preempted "
+                f"{int(entry['write_preempted'])} times (idle: {int(entry['idle_over_1ms'])} of "
+                f"{int(entry['idle_reads'])}, preempted {int(entry['idle_preempted'])} times)", "0",
                 entry["write_over_1ms"] == 0)
         rows.append((f"B3 read latency during the write ({label})",
                      f"p50 {entry['write_p50_us']:.1f} us, p99 {entry['write_p99_us']:.1f} us, "

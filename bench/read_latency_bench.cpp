@@ -2,6 +2,7 @@
 // the reader pool and without it (QUILMA_DB_READERS=0), against the same queries when idle.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>  // NOLINT(modernize-deprecated-headers): setenv, unsetenv
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -44,7 +45,16 @@ double timed_read(storage::Database& db, std::size_t& next) {
   return micros(ended - started);
 }
 
-void report(benchmark::State& state, const std::string& phase, const std::vector<double>& samples) {
+// Times the reading thread was taken off its CPU against its will so far: a read that took
+// over a millisecond while this did not move was slow by itself.
+long preemptions() {
+  rusage usage{};
+  getrusage(RUSAGE_THREAD, &usage);
+  return usage.ru_nivcsw;
+}
+
+void report(benchmark::State& state, const std::string& phase, const std::vector<double>& samples,
+            long preempted) {
   state.counters[phase + "_p50_us"] = percentile(samples, 0.50);
   state.counters[phase + "_p99_us"] = percentile(samples, 0.99);
   state.counters[phase + "_max_us"] =
@@ -52,6 +62,7 @@ void report(benchmark::State& state, const std::string& phase, const std::vector
   state.counters[phase + "_reads"] = static_cast<double>(samples.size());
   state.counters[phase + "_over_1ms"] = static_cast<double>(
       std::count_if(samples.begin(), samples.end(), [](double us) { return us > 1000; }));
+  state.counters[phase + "_preempted"] = static_cast<double>(preempted);
 }
 
 void B3_ReadLatencyDuringWrite(benchmark::State& state) {
@@ -69,6 +80,7 @@ void B3_ReadLatencyDuringWrite(benchmark::State& state) {
     // As long as the write phase, so that the counts of slow reads compare directly: the idle
     // phase shows what the machine itself adds (preemption, other tenants).
     std::vector<double> idle;
+    const long idle_start = preemptions();
     for (const auto until = Clock::now() + 3s; Clock::now() < until;) idle.push_back(timed_read(db, next));
 
     std::latch writing(1);
@@ -87,13 +99,16 @@ void B3_ReadLatencyDuringWrite(benchmark::State& state) {
       }
       done = true;
     });
+    const long idle_preempted = preemptions() - idle_start;
     writing.wait();
     std::vector<double> during;
+    const long write_start = preemptions();
     while (!done) during.push_back(timed_read(db, next));
+    const long write_preempted = preemptions() - write_start;
     writer.join();
 
-    report(state, "idle", idle);
-    report(state, "write", during);
+    report(state, "idle", idle, idle_preempted);
+    report(state, "write", during, write_preempted);
   }
 }
 
