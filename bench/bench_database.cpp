@@ -1,10 +1,10 @@
 #include "bench_database.h"
 
-#include <sqlite3.h>
-
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
+
+#include <sqlite3.h>
 
 #include "quilma/storage/database.h"
 
@@ -17,7 +17,7 @@ std::filesystem::path bench_dir() {
 }
 
 std::filesystem::path bench_database() {
-  const std::filesystem::path path = bench_dir() / "bench.db";
+  std::filesystem::path path = bench_dir() / "bench.db";
   if (std::filesystem::exists(path)) return path;
   storage::Database db(path);
   db.connect();
@@ -30,13 +30,19 @@ std::filesystem::path bench_database() {
     std::vector<sqlite::Params> rows;
     rows.reserve(BENCH_FILES);
     for (std::int64_t i = 1; i <= BENCH_FILES; ++i) {
-      rows.push_back({i, "src/module_" + std::to_string(i % 97) + "/file_" + std::to_string(i) + ".py",
+      rows.push_back({i,
+                      "src/module_" + std::to_string(i % 97) + "/file_" + std::to_string(i) + ".py",
                       languages[i % 5], "sha256:" + std::to_string(i * 7919)});
     }
     cursor.executemany("INSERT INTO files (id, path, language, hash) VALUES (?, ?, ?, ?)", rows);
   });
   db.close();
   return path;
+}
+
+void settle_log(storage::Database& db) {
+  db.execute("INSERT INTO writes (payload) VALUES ('settle')");
+  db.execute("DELETE FROM writes");
 }
 
 const std::vector<std::int64_t>& lookup_ids() {

@@ -1,13 +1,16 @@
 // B1 and B2: queries through Database::fetchone (on the reader pool) against the raw C API
 // doing the same work on the same file, in autocommit.
-#include <benchmark/benchmark.h>
-#include <sqlite3.h>
-
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
 #include "bench_database.h"
+
 #include "quilma/sqlite/value.h"
 #include "quilma/storage/database.h"
 
@@ -23,8 +26,9 @@ struct FileRecord {
 
 std::string text_column(sqlite3_stmt* stmt, int column) {
   const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
-  return text == nullptr ? std::string()
-                         : std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(stmt, column)));
+  return text == nullptr
+             ? std::string()
+             : std::string(text, static_cast<std::size_t>(sqlite3_column_bytes(stmt, column)));
 }
 
 // What a caller of the C API does with a row it does not know the shape of.
@@ -55,6 +59,7 @@ std::vector<sqlite::Value> read_row(sqlite3_stmt* stmt) {
 struct Environment {
   Environment() : db(bench_database()) {
     db.connect();
+    settle_log(db);
     raw = open_raw(bench_database(), true);
   }
   ~Environment() { sqlite3_close_v2(raw); }
@@ -79,80 +84,170 @@ sqlite3_stmt* prepare(sqlite3* db, const std::string& sql, bool persistent) {
   return stmt;
 }
 
-void B1_PointQuery_Database(benchmark::State& state) {
-  storage::Database& db = Environment::get().db;
-  const auto& ids = lookup_ids();
-  std::size_t next = 0;
-  for (auto _ : state) {
-    auto row = db.fetchone(POINT_QUERY, {ids[next++ % ids.size()]});
+// Each workload does one query per call of run(), the same work on both sides: bind an id,
+// step to the row, and copy its values out.
+class DatabasePoint {
+ public:
+  void run() {
+    auto row = db_.fetchone(POINT_QUERY, {ids_[next_++ % ids_.size()]});
     benchmark::DoNotOptimize(row);
   }
-}
 
-void B1_PointQuery_RawC(benchmark::State& state) {
-  sqlite3* db = Environment::get().raw;
-  sqlite3_stmt* stmt = prepare(db, POINT_QUERY, true);
-  const auto& ids = lookup_ids();
-  std::size_t next = 0;
-  for (auto _ : state) {
-    sqlite3_bind_int64(stmt, 1, ids[next++ % ids.size()]);
-    if (sqlite3_step(stmt) == SQLITE_ROW) {
-      FileRecord record{sqlite3_column_int64(stmt, 0), text_column(stmt, 1), text_column(stmt, 2),
-                        text_column(stmt, 3)};
+ private:
+  storage::Database& db_ = Environment::get().db;
+  const std::vector<std::int64_t>& ids_ = lookup_ids();
+  std::size_t next_ = 0;
+};
+
+class RawPoint {
+ public:
+  RawPoint() : stmt_(prepare(Environment::get().raw, POINT_QUERY, true)) {}
+  ~RawPoint() { sqlite3_finalize(stmt_); }
+  RawPoint(const RawPoint&) = delete;
+  RawPoint& operator=(const RawPoint&) = delete;
+
+  void run() {
+    sqlite3_bind_int64(stmt_, 1, ids_[next_++ % ids_.size()]);
+    if (sqlite3_step(stmt_) == SQLITE_ROW) {
+      FileRecord record{sqlite3_column_int64(stmt_, 0), text_column(stmt_, 1),
+                        text_column(stmt_, 2), text_column(stmt_, 3)};
       benchmark::DoNotOptimize(record);
     }
-    sqlite3_reset(stmt);
+    sqlite3_reset(stmt_);
   }
-  sqlite3_finalize(stmt);
-}
 
-void B2_Rotation_Database(benchmark::State& state) {
-  storage::Database& db = Environment::get().db;
-  const auto& queries = rotation_queries();
-  const auto& ids = lookup_ids();
-  std::size_t next = 0;
-  for (auto _ : state) {
-    auto row = db.fetchone(queries[next % queries.size()], {ids[next % ids.size()]});
-    ++next;
+ private:
+  sqlite3_stmt* stmt_;
+  const std::vector<std::int64_t>& ids_ = lookup_ids();
+  std::size_t next_ = 0;
+};
+
+class DatabaseRotation {
+ public:
+  void run() {
+    auto row = db_.fetchone(queries_[next_ % queries_.size()], {ids_[next_ % ids_.size()]});
+    ++next_;
     benchmark::DoNotOptimize(row);
   }
-}
 
-void B2_Rotation_RawCPrepared(benchmark::State& state) {
-  sqlite3* db = Environment::get().raw;
-  std::vector<sqlite3_stmt*> statements;
-  for (const auto& sql : rotation_queries()) statements.push_back(prepare(db, sql, true));
-  const auto& ids = lookup_ids();
-  std::size_t next = 0;
-  for (auto _ : state) {
-    sqlite3_stmt* stmt = statements[next % statements.size()];
-    sqlite3_bind_int64(stmt, 1, ids[next % ids.size()]);
-    ++next;
+ private:
+  storage::Database& db_ = Environment::get().db;
+  const std::vector<std::string>& queries_ = rotation_queries();
+  const std::vector<std::int64_t>& ids_ = lookup_ids();
+  std::size_t next_ = 0;
+};
+
+// The twenty texts prepared once (`prepare_each` false) or prepared and finalized per call.
+class RawRotation {
+ public:
+  explicit RawRotation(bool prepare_each) : prepare_each_(prepare_each) {
+    if (!prepare_each_) {
+      for (const auto& sql : queries_) statements_.push_back(prepare(db_, sql, true));
+    }
+  }
+  ~RawRotation() {
+    for (sqlite3_stmt* stmt : statements_) sqlite3_finalize(stmt);
+  }
+  RawRotation(const RawRotation&) = delete;
+  RawRotation& operator=(const RawRotation&) = delete;
+
+  void run() {
+    const std::size_t which = next_ % queries_.size();
+    sqlite3_stmt* stmt = prepare_each_ ? prepare(db_, queries_[which], false) : statements_[which];
+    sqlite3_bind_int64(stmt, 1, ids_[next_ % ids_.size()]);
+    ++next_;
     if (sqlite3_step(stmt) == SQLITE_ROW) {
       auto values = read_row(stmt);
       benchmark::DoNotOptimize(values);
     }
-    sqlite3_reset(stmt);
+    if (prepare_each_) {
+      sqlite3_finalize(stmt);
+    } else {
+      sqlite3_reset(stmt);
+    }
   }
-  for (sqlite3_stmt* stmt : statements) sqlite3_finalize(stmt);
+
+ private:
+  const bool prepare_each_;
+  sqlite3* db_ = Environment::get().raw;
+  std::vector<sqlite3_stmt*> statements_;
+  const std::vector<std::string>& queries_ = rotation_queries();
+  const std::vector<std::int64_t>& ids_ = lookup_ids();
+  std::size_t next_ = 0;
+};
+
+template <class Workload, class... Args>
+void single(benchmark::State& state, Args... args) {
+  Workload workload(args...);
+  for (auto _ : state) workload.run();
 }
 
-void B2_Rotation_RawCPrepareEach(benchmark::State& state) {
-  sqlite3* db = Environment::get().raw;
-  const auto& queries = rotation_queries();
-  const auto& ids = lookup_ids();
-  std::size_t next = 0;
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values.empty() ? 0 : values[values.size() / 2];
+}
+
+// The ratios: the database workload and each baseline run in alternating batches of a few
+// hundred queries, and each batch's time is compared with the database batch beside it. The
+// machine's slow spells (it is shared) then fall on both sides of a pair alike, and the median
+// of the per-pair ratios is steady where ratios of separate runs are not.
+template <class Ours, class... Baselines>
+void paired(benchmark::State& state, Ours& ours, const std::vector<std::string>& names,
+            Baselines&... baselines) {
+  constexpr int batch = 200;
+  using Clock = std::chrono::steady_clock;
+  auto time_batch = [](auto& workload) {
+    const auto started = Clock::now();
+    for (int i = 0; i < batch; ++i) workload.run();
+    return std::chrono::duration<double, std::nano>(Clock::now() - started).count() / batch;
+  };
+  std::vector<double> ours_ns;
+  std::vector<std::vector<double>> ratios(sizeof...(Baselines));
+  std::vector<std::vector<double>> baseline_ns(sizeof...(Baselines));
+  bool ours_first = true;
   for (auto _ : state) {
-    sqlite3_stmt* stmt = prepare(db, queries[next % queries.size()], false);
-    sqlite3_bind_int64(stmt, 1, ids[next % ids.size()]);
-    ++next;
-    if (sqlite3_step(stmt) == SQLITE_ROW) {
-      auto values = read_row(stmt);
-      benchmark::DoNotOptimize(values);
-    }
-    sqlite3_finalize(stmt);
+    std::size_t b = 0;
+    double ours_time = 0;
+    if (ours_first) ours_time = time_batch(ours);
+    (
+        [&](auto& baseline) {
+          const double time = time_batch(baseline);
+          baseline_ns[b].push_back(time);
+          ratios[b++].push_back(time);
+        }(baselines),
+        ...);
+    if (!ours_first) ours_time = time_batch(ours);
+    ours_first = !ours_first;
+    ours_ns.push_back(ours_time);
+    for (auto& series : ratios) series.back() = ours_time / series.back();
+  }
+  state.counters["database_ns"] = median(ours_ns);
+  for (std::size_t b = 0; b < names.size(); ++b) {
+    state.counters[names[b] + "_ns"] = median(baseline_ns[b]);
+    state.counters["database_per_" + names[b]] = median(ratios[b]);
   }
 }
+
+void B1_PointQuery_Paired(benchmark::State& state) {
+  DatabasePoint ours;
+  RawPoint raw;
+  paired(state, ours, {"raw"}, raw);
+}
+
+void B2_Rotation_Paired(benchmark::State& state) {
+  DatabaseRotation ours;
+  RawRotation prepared(false);
+  RawRotation prepare_each(true);
+  paired(state, ours, {"raw_prepared", "raw_prepare_each"}, prepared, prepare_each);
+}
+
+BENCHMARK(B1_PointQuery_Paired)->Iterations(400)->Repetitions(1);
+BENCHMARK(B2_Rotation_Paired)->Iterations(300)->Repetitions(1);
+void B1_PointQuery_Database(benchmark::State& state) { single<DatabasePoint>(state); }
+void B1_PointQuery_RawC(benchmark::State& state) { single<RawPoint>(state); }
+void B2_Rotation_Database(benchmark::State& state) { single<DatabaseRotation>(state); }
+void B2_Rotation_RawCPrepared(benchmark::State& state) { single<RawRotation>(state, false); }
+void B2_Rotation_RawCPrepareEach(benchmark::State& state) { single<RawRotation>(state, true); }
 
 BENCHMARK(B1_PointQuery_Database);
 BENCHMARK(B1_PointQuery_RawC);

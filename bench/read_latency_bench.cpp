@@ -1,9 +1,5 @@
 // B3: how long a query takes while another thread holds a 3-second write transaction, with
 // the reader pool and without it (QUILMA_DB_READERS=0), against the same queries when idle.
-#include <benchmark/benchmark.h>
-#include <stdlib.h>  // NOLINT(modernize-deprecated-headers): setenv, unsetenv
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -14,7 +10,12 @@
 #include <thread>
 #include <vector>
 
+#include <benchmark/benchmark.h>
+#include <stdlib.h>  // NOLINT(modernize-deprecated-headers): setenv, unsetenv
+#include <sys/resource.h>
+
 #include "bench_database.h"
+
 #include "quilma/storage/database.h"
 
 namespace quilma::bench {
@@ -32,7 +33,8 @@ double micros(Clock::duration duration) {
 double percentile(std::vector<double> samples, double share) {
   if (samples.empty()) return 0;
   std::sort(samples.begin(), samples.end());
-  const auto rank = static_cast<std::size_t>(std::ceil(share * static_cast<double>(samples.size())));
+  const auto rank =
+      static_cast<std::size_t>(std::ceil(share * static_cast<double>(samples.size())));
   return samples[std::clamp<std::size_t>(rank, 1, samples.size()) - 1];
 }
 
@@ -73,6 +75,7 @@ void B3_ReadLatencyDuringWrite(benchmark::State& state) {
   db.connect();
   ::unsetenv("QUILMA_DB_READERS");
   // NOLINTEND(concurrency-mt-unsafe)
+  settle_log(db);
   std::size_t next = 0;
   const std::string payload(200, 'x');
 
@@ -81,7 +84,8 @@ void B3_ReadLatencyDuringWrite(benchmark::State& state) {
     // phase shows what the machine itself adds (preemption, other tenants).
     std::vector<double> idle;
     const long idle_start = preemptions();
-    for (const auto until = Clock::now() + 3s; Clock::now() < until;) idle.push_back(timed_read(db, next));
+    for (const auto until = Clock::now() + 3s; Clock::now() < until;)
+      idle.push_back(timed_read(db, next));
 
     std::latch writing(1);
     std::atomic<bool> done{false};

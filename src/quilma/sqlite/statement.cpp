@@ -76,20 +76,16 @@ Statement::Statement(sqlite3* db, std::string_view sql, bool persistent) : sql_(
        sqlite3_stmt_readonly(stmt_) == 0);
 }
 
-const std::shared_ptr<const Row::Columns>& Statement::columns() {
-  const int prepares = sqlite3_stmt_status(stmt_, SQLITE_STMTSTATUS_REPREPARE, 0);
-  if (!columns_ || prepares != columns_prepare_count_) {
-    const int count = sqlite3_column_count(stmt_);
-    auto names = std::make_shared<Row::Columns>();
-    names->reserve(static_cast<std::size_t>(count));
-    for (int i = 0; i < count; ++i) {
-      const char* name = sqlite3_column_name(stmt_, i);
-      names->emplace_back(name != nullptr ? name : "");
-    }
-    columns_ = std::move(names);
-    columns_prepare_count_ = prepares;
+void Statement::read_columns() {
+  const int count = sqlite3_column_count(stmt_);
+  auto names = std::make_shared<Row::Columns>();
+  names->reserve(static_cast<std::size_t>(count));
+  for (int i = 0; i < count; ++i) {
+    const char* name = sqlite3_column_name(stmt_, i);
+    names->emplace_back(name != nullptr ? name : "");
   }
-  return columns_;
+  columns_ = std::move(names);
+  columns_prepare_count_ = sqlite3_stmt_status(stmt_, SQLITE_STMTSTATUS_REPREPARE, 0);
 }
 
 void Statement::finalize() noexcept {
@@ -106,19 +102,12 @@ ConnectionState::~ConnectionState() {
   }
 }
 
-void ConnectionState::check_open() const {
-  if (db_ == nullptr) {
-    raise_error(SQLITE_MISUSE, "Cannot operate on a closed database.");
-  }
+void ConnectionState::raise_closed() {
+  raise_error(SQLITE_MISUSE, "Cannot operate on a closed database.");
 }
 
-Statement* ConnectionState::acquire(std::string_view sql) {
+Statement* ConnectionState::acquire_slow(std::string_view sql) {
   check_open();
-  // Fast path: the same text as last time (a loop, or one hot query) needs no hashing.
-  if (!lru_.empty() && !lru_.front()->in_use && lru_.front()->sql() == sql) {
-    lru_.front()->in_use = true;
-    return lru_.front().get();
-  }
   if (auto found = index_.find(sql); found != index_.end()) {
     Statement* statement = found->second->get();
     if (!statement->in_use) {
@@ -154,17 +143,10 @@ Statement* ConnectionState::acquire(std::string_view sql) {
   return statement;
 }
 
-void ConnectionState::release(Statement* statement) noexcept {
-  statement->in_use = false;
-  if (statement->handle() != nullptr) {
-    sqlite3_reset(statement->handle());
-    sqlite3_clear_bindings(statement->handle());
-  }
-  if (!statement->cached) {
-    auto owned = std::find_if(loose_.begin(), loose_.end(),
-                              [statement](const auto& entry) { return entry.get() == statement; });
-    if (owned != loose_.end()) loose_.erase(owned);
-  }
+void ConnectionState::drop_loose(Statement* statement) noexcept {
+  auto owned = std::find_if(loose_.begin(), loose_.end(),
+                            [statement](const auto& entry) { return entry.get() == statement; });
+  if (owned != loose_.end()) loose_.erase(owned);
 }
 
 void ConnectionState::finalize_all() noexcept {

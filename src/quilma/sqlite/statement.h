@@ -33,7 +33,13 @@ class Statement {
   bool changes_rows() const noexcept { return changes_rows_; }
   // Result column names, shared by every row; rebuilt when SQLite has re-prepared the
   // statement after a schema change.
-  const std::shared_ptr<const Row::Columns>& columns();
+  const std::shared_ptr<const Row::Columns>& columns() {
+    if (!columns_ ||
+        sqlite3_stmt_status(stmt_, SQLITE_STMTSTATUS_REPREPARE, 0) != columns_prepare_count_) {
+      read_columns();
+    }
+    return columns_;
+  }
   void finalize() noexcept;
 
   bool in_use = false;  // a cursor holds it; never handed to a second cursor meanwhile
@@ -43,6 +49,8 @@ class Statement {
   sqlite3_stmt* stmt_ = nullptr;
   std::string sql_;
   bool changes_rows_ = false;
+  void read_columns();
+
   std::shared_ptr<const Row::Columns> columns_;
   int columns_prepare_count_ = -1;
 };
@@ -60,14 +68,30 @@ class ConnectionState {
 
   sqlite3* db() const noexcept { return db_; }
   // Throws ProgrammingError once the connection is closed.
-  void check_open() const;
+  void check_open() const {
+    if (db_ == nullptr) raise_closed();
+  }
 
   // A statement for `sql` that no other cursor holds: the cached one when it is free,
   // otherwise a new one. Marked in use until release().
-  Statement* acquire(std::string_view sql);
+  Statement* acquire(std::string_view sql) {
+    // Fast path: the same text as last time (a loop, or one hot query) needs no hashing.
+    if (db_ != nullptr && !lru_.empty() && !lru_.front()->in_use && lru_.front()->sql() == sql) {
+      lru_.front()->in_use = true;
+      return lru_.front().get();
+    }
+    return acquire_slow(sql);
+  }
   // Resets the statement, clears its bindings and returns it to the cache (or finalizes
   // one that is not cached).
-  void release(Statement* statement) noexcept;
+  void release(Statement* statement) noexcept {
+    statement->in_use = false;
+    if (statement->handle() != nullptr) {
+      sqlite3_reset(statement->handle());
+      sqlite3_clear_bindings(statement->handle());
+    }
+    if (!statement->cached) drop_loose(statement);
+  }
 
   // Finalizes every statement, cached or held by a cursor, then closes the handle. When SQLite
   // refuses (an object opened on the handle outside the binding is still open), the handle is
@@ -79,6 +103,10 @@ class ConnectionState {
 
  private:
   using Lru = std::list<std::unique_ptr<Statement>>;
+
+  [[noreturn]] static void raise_closed();
+  Statement* acquire_slow(std::string_view sql);
+  void drop_loose(Statement* statement) noexcept;
 
   void finalize_all() noexcept;
 
