@@ -1,10 +1,10 @@
 #include "quilma/sqlite/value.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <optional>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "quilma/sqlite/error.h"
 
@@ -14,9 +14,12 @@ namespace {
 TEST(ValueTest, RealsReadAsTextInTheirShortestRoundTripForm) {
   // A version recorded as a number must read back as it was written.
   const std::pair<double, const char*> cases[] = {
-      {3.1, "3.1"},     {2.0, "2.0"},         {-0.0, "-0.0"},     {0.1 + 0.2, "0.30000000000000004"},
-      {1e5, "100000.0"}, {1e15, "1000000000000000.0"}, {1e16, "1e+16"}, {1.5e16, "1.5e+16"},
-      {1e-4, "0.0001"}, {1e-5, "1e-05"},      {1e100, "1e+100"}};
+      {3.1, "3.1"},      {2.0, "2.0"},
+      {-0.0, "-0.0"},    {0.1 + 0.2, "0.30000000000000004"},
+      {1e5, "100000.0"}, {1e15, "1000000000000000.0"},
+      {1e16, "1e+16"},   {1.5e16, "1.5e+16"},
+      {1e-4, "0.0001"},  {1e-5, "1e-05"},
+      {1e100, "1e+100"}};
   for (const auto& [real, text] : cases) EXPECT_EQ(Value(real).as_text(), text);
   EXPECT_EQ(Value(INT64_MIN).as_text(), "-9223372036854775808");
 }

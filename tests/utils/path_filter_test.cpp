@@ -1,13 +1,14 @@
 #include "quilma/utils/path_filter.h"
 
+#include <string>
+
 #include <gtest/gtest.h>
 
-#include <string>
+#include "support/error_of.h"
+#include "support/temp_dir.h"
 
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
-#include "support/error_of.h"
-#include "support/temp_dir.h"
 
 namespace quilma::utils {
 namespace {
@@ -19,23 +20,40 @@ TEST(GlobMatchTest, MatchesWholePathsSegmentBySegment) {
     const char* pattern;
     const char* path;
     bool matches;
-  } cases[] = {
-      // '*' and '?' stay within one segment.
-      {"*.py", "a.py", true}, {"*.py", "src/a.py", false}, {"src/*", "src/x/a.py", false},
-      {"a?c", "abc", true}, {"a?c", "a/c", false}, {"*", "", true}, {"", "a", false},
-      {"a*b*c", "axxbyyc", true}, {"a*b*c", "axxbyy", false},
-      // '**' spans zero or more whole segments; inside a segment it is a plain '*'.
-      {"**/*.py", "a.py", true}, {"**/*.py", "src/x/y/a.py", true},
-      {"src/**/test_*.py", "src/test_a.py", true}, {"src/**/test_*.py", "lib/a/test_a.py", false},
-      {"**/build/**", "a/build/x/y.o", true}, {"**/build/**", "a/rebuild/x", false},
-      {"a/**/b/**/c", "a/x/b/y/b/z/c", true}, {"a/**/b", "a/b/c", false}, {"src**", "src/x", false},
-      // Sets, ranges, negation, escapes; a '[' without its ']' is literal.
-      {"[abc].h", "b.h", true}, {"[a-c].h", "d.h", false}, {"[!a-c].h", "d.h", true},
-      {"[^a].h", "a.h", false}, {"[]].h", "].h", true}, {"[a", "[a", true}, {"\\*.h", "x.h", false},
-      // Whole UTF-8 characters: é, [à-ï], ö, and a stray byte as one character.
-      {"?.py", "\xC3\xA9.py", true}, {"??.py", "\xC3\xA9.py", false},
-      {"[\xC3\xA0-\xC3\xAF].txt", "\xC3\xA9.txt", true},
-      {"[\xC3\xA0-\xC3\xAF].txt", "\xC3\xB6.txt", false}, {"?", "\xFF", true}};
+  } cases[] = {// '*' and '?' stay within one segment.
+               {"*.py", "a.py", true},
+               {"*.py", "src/a.py", false},
+               {"src/*", "src/x/a.py", false},
+               {"a?c", "abc", true},
+               {"a?c", "a/c", false},
+               {"*", "", true},
+               {"", "a", false},
+               {"a*b*c", "axxbyyc", true},
+               {"a*b*c", "axxbyy", false},
+               // '**' spans zero or more whole segments; inside a segment it is a plain '*'.
+               {"**/*.py", "a.py", true},
+               {"**/*.py", "src/x/y/a.py", true},
+               {"src/**/test_*.py", "src/test_a.py", true},
+               {"src/**/test_*.py", "lib/a/test_a.py", false},
+               {"**/build/**", "a/build/x/y.o", true},
+               {"**/build/**", "a/rebuild/x", false},
+               {"a/**/b/**/c", "a/x/b/y/b/z/c", true},
+               {"a/**/b", "a/b/c", false},
+               {"src**", "src/x", false},
+               // Sets, ranges, negation, escapes; a '[' without its ']' is literal.
+               {"[abc].h", "b.h", true},
+               {"[a-c].h", "d.h", false},
+               {"[!a-c].h", "d.h", true},
+               {"[^a].h", "a.h", false},
+               {"[]].h", "].h", true},
+               {"[a", "[a", true},
+               {"\\*.h", "x.h", false},
+               // Whole UTF-8 characters: é, [à-ï], ö, and a stray byte as one character.
+               {"?.py", "\xC3\xA9.py", true},
+               {"??.py", "\xC3\xA9.py", false},
+               {"[\xC3\xA0-\xC3\xAF].txt", "\xC3\xA9.txt", true},
+               {"[\xC3\xA0-\xC3\xAF].txt", "\xC3\xB6.txt", false},
+               {"?", "\xFF", true}};
   for (const auto& c : cases) {
     EXPECT_EQ(glob_match(c.pattern, c.path), c.matches) << c.pattern << " ~ " << c.path;
   }
@@ -59,12 +77,15 @@ TEST(PathFunctionsTest, WorkInSqlWithNullsPerRowPatternsAndClearErrors) {
   register_path_functions(connection);
   auto cursor = connection.cursor();
   cursor.execute("CREATE TABLE p (pattern TEXT, path TEXT)");
-  cursor.executemany("INSERT INTO p VALUES (?, ?)",
-                     {{"*.py", "a.py"}, {"*.md", "a.py"}, {"**/b", "x/y/b"}, {"x/*", "x/y/b"},
-                      {"*", nullptr}, {1, nullptr}});
+  cursor.executemany("INSERT INTO p VALUES (?, ?)", {{"*.py", "a.py"},
+                                                     {"*.md", "a.py"},
+                                                     {"**/b", "x/y/b"},
+                                                     {"x/*", "x/y/b"},
+                                                     {"*", nullptr},
+                                                     {1, nullptr}});
   std::string results;
-  for (const auto& row : cursor.execute("SELECT path_glob(pattern, path) FROM p ORDER BY rowid")
-                             .fetchall()) {
+  for (const auto& row :
+       cursor.execute("SELECT path_glob(pattern, path) FROM p ORDER BY rowid").fetchall()) {
     results += row[0].is_null() ? "N" : row[0].as_text();
   }
   EXPECT_EQ(results, "1010NN");  // a pattern per row; NULL wins over a wrong type
@@ -77,7 +98,8 @@ TEST(PathFunctionsTest, WorkInSqlWithNullsPerRowPatternsAndClearErrors) {
   auto error = [&](const std::string& query, const sqlite::Params& params = {}) {
     return error_of<sqlite::OperationalError>([&] { cursor.execute(query, params); });
   };
-  EXPECT_EQ(error("SELECT path_glob(1, 'a')"), "path_glob(): the pattern must be text, not INTEGER");
+  EXPECT_EQ(error("SELECT path_glob(1, 'a')"),
+            "path_glob(): the pattern must be text, not INTEGER");
   EXPECT_EQ(error("SELECT path_under('a', x'00')"),
             "path_under(): the directory must be text, not BLOB");
   EXPECT_EQ(error("SELECT path_glob(?, 'a')", {std::string(1025, '*')}),
