@@ -23,9 +23,7 @@ std::string_view strip(std::string_view text) {
   return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
 }
 
-bool is_blank(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v';
-}
+bool is_blank(char c) { return BLANKS.find(c) != std::string_view::npos; }
 
 // Whether `text` equals `upper_case` (upper-case letters, blanks and punctuation) when the
 // ASCII letters of `text` are upper-cased.
@@ -125,8 +123,7 @@ void Database::connect() {
 
   auto writer = std::make_unique<sqlite::Connection>(db_path_);
   connection_.store(writer.get(), std::memory_order_release);
-  std::swap(writer_, writer);  // a writer this replaces is closed as `writer` goes
-  writer.reset();
+  writer_ = std::move(writer);  // a writer this replaces is closed here
 
   sqlite::Cursor cursor = writer_->cursor();
   // Page size and auto-vacuum shape only a file without pages yet; an existing file keeps

@@ -79,9 +79,6 @@ class ReaderPool {
   // raises ReaderUnavailable. Idempotent.
   void close();
 
-  const std::filesystem::path& db_path() const noexcept { return db_path_; }
-  int capacity() const noexcept { return count_; }
-
  private:
   Slot* try_claim() noexcept;    // a free slot, now taken by the caller, or nullptr
   Lease lease_slot(Slot* slot);  // opens the slot's connection if needed; checks closed_
