@@ -10,9 +10,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <type_traits>
@@ -23,6 +25,7 @@
 #include "quilma/sqlite/cursor.h"
 #include "quilma/sqlite/row.h"
 #include "quilma/sqlite/value.h"
+#include "quilma/storage/migrations.h"
 #include "quilma/storage/reader_pool.h"
 
 namespace spdlog {
@@ -33,6 +36,18 @@ namespace quilma::storage {
 
 // Headroom added, once per place, to the bytes that a VACUUM needs on disk.
 inline constexpr std::int64_t COMPACT_DISK_MARGIN_BYTES = 64LL * 1024 * 1024;
+
+// Keys of schema_info: the extractor stamp, and a row kept by the rest of the service.
+inline constexpr std::string_view EXTRACTOR_VERSIONS_KEY = "extractor_versions";
+inline constexpr std::string_view LAST_INDEX_KEY = "last_index";
+// error_type values of index_errors rows that the rest of the service records.
+inline constexpr std::string_view FQN_COLLISION_ERROR = "fqn_collision";
+inline constexpr std::string_view PARTIAL_PARSE_ERROR = "partial_parse";
+using migrations::REINDEX_SENTINEL_HASH;
+
+// An ordered mapping from table or statistic name to a count, in the order the operation
+// defines.
+using Counts = std::vector<std::pair<std::string, std::int64_t>>;
 
 // How many read connections to keep, from QUILMA_DB_READERS: 6 when it is unset, empty or
 // not an integer; otherwise the value clamped to 0..32. 0 means no pool. Read on every call.
@@ -84,6 +99,40 @@ class Database {
   std::optional<sqlite::Row> fetchone(std::string_view sql, const sqlite::Params& params = {});
   std::vector<sqlite::Row> fetchall(std::string_view sql, const sqlite::Params& params = {});
 
+  // The open sequence, after connect(): create_schema() creates the tables the file lacks,
+  // in one transaction; migrate_schema() runs the migration steps after the version the file
+  // records (each in a transaction of its own, errors as migrations::SchemaMigrationError)
+  // and, once the file is at this release's version, rewrites a file made with smaller
+  // pages, closing the read connections around the rewrite.
+  void create_schema();
+  void migrate_schema();
+  // Whether the file passes SQLite's integrity check.
+  bool check_integrity();
+
+  // The index generation, in the file header's user version: it goes up by one each time
+  // the index is replaced wholesale, so every process with the file open can tell that its
+  // id-keyed caches are stale. Read from the file at every call.
+  std::int64_t index_generation();
+
+  // Compares the extractor versions that built the index (its stamp) with `versions`; marks
+  // the files of every language whose version changed, or that the stamp does not mention,
+  // for re-parsing, and records `versions` as the new stamp, in one transaction. Returns how
+  // many files were marked. std::invalid_argument, before anything is read, for a language
+  // name that is not UTF-8.
+  std::int64_t refresh_extractor_stamp(const std::map<std::string, std::int64_t>& versions);
+
+  // "files", "symbols" (those a user sees), "edges", "components" and "errors" (rows), in
+  // that order; five separate queries, not one snapshot.
+  Counts get_stats();
+  void record_error(std::string_view file_path, std::string_view error_type,
+                    std::optional<std::string> message = std::nullopt,
+                    std::optional<std::int64_t> line = std::nullopt);
+  // Deletes the file's error records: all of them, or those of `error_type` only.
+  void clear_file_errors(std::string_view file_path,
+                         std::optional<std::string> error_type = std::nullopt);
+  // How many distinct files have at least one error record.
+  std::int64_t get_error_count();
+
  private:
   friend class DatabaseTestPeer;
 
@@ -118,6 +167,12 @@ class Database {
                                                       const sqlite::Params& params, Fetch fetch);
   std::int64_t count(std::string_view sql);
   static detail::Space space(sqlite::Connection& connection);
+  // Rewrites a file whose pages are smaller than storage_size::PAGE_SIZE, with the read
+  // connections closed, and opens them again for the journal mode it ends in.
+  void rewrite_pages();
+  // Sets the generation one higher: on `cursor`, in the caller's transaction, when given
+  // (exact, since the read runs under the same lock); otherwise as a statement of its own.
+  void bump_index_generation(sqlite::Cursor* cursor = nullptr);
 
   std::filesystem::path db_path_;
   std::unique_ptr<sqlite::Connection> writer_;  // owns what connection_ points at

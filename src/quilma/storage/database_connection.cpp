@@ -98,6 +98,11 @@ bool is_read_statement(std::string_view sql) {
   return equals_upper(strip(whole), "PRAGMA USER_VERSION");
 }
 
+std::string journal_mode(const std::optional<sqlite::Row>& row) {
+  if (!row || row->size() == 0 || (*row)[0].is_null()) return {};
+  return lower((*row)[0].as_text());
+}
+
 bool reader_cannot_serve(const sqlite::OperationalError& error) {
   const std::string message = lower(error.what());
   return message.find("readonly database") != std::string::npos ||
@@ -136,8 +141,7 @@ void Database::connect() {
   cursor.close();
   utils::register_path_functions(*writer_);
 
-  std::string journal_mode;
-  if (mode && mode->size() > 0 && !(*mode)[0].is_null()) journal_mode = lower((*mode)[0].as_text());
+  const std::string journal_mode = detail::journal_mode(mode);
   // No query runs during connect(), so the pools it replaces can go now; a pool that fails
   // to open leaves the current one in place.
   std::unique_ptr<ReaderPool> opened = open_readers(journal_mode);

@@ -4,11 +4,14 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "quilma/sqlite/error.h"
+#include "quilma/sqlite/row.h"
+#include "quilma/sqlite/value.h"
 
 namespace quilma::storage::detail {
 
@@ -23,6 +26,9 @@ bool is_read_statement(std::string_view sql);
 
 // Whether a read connection's error means "run it on the writer instead".
 bool reader_cannot_serve(const sqlite::OperationalError& error);
+
+// The journal mode that a "PRAGMA journal_mode" row names, in lower case; "" for no row.
+std::string journal_mode(const std::optional<sqlite::Row>& row);
 
 // Bytes in a MiB; every MiB figure in messages is a byte count divided by it, rounded down.
 inline constexpr std::int64_t MIB = 1048576;
@@ -59,5 +65,19 @@ std::uintmax_t available_bytes(const std::filesystem::path& directory);
 // and returns the previous one; an empty function restores the file system's own.
 using FreeSpaceQuery = std::function<std::uintmax_t(const std::filesystem::path&)>;
 FreeSpaceQuery replace_free_space_query(FreeSpaceQuery query);
+
+// What an extractor stamp records: language name to version, as the version's decimal text
+// so that an integer of any width compares exactly.
+using ExtractorStamp = std::map<std::string, std::string>;
+
+// The stamp that the stored value records; std::nullopt when there is no row (`raw` empty)
+// or when the value is in an unknown format, which is logged as a warning. Known is a JSON
+// object whose every value is an integer, written without fraction or exponent.
+std::optional<ExtractorStamp> parse_extractor_stamp(const std::optional<sqlite::Value>& raw);
+
+// The stamp text of `versions`: one line, keys in ascending order, ", " and ": " between
+// members and around values, every character outside ASCII escaped. std::invalid_argument
+// when a name is not UTF-8.
+std::string extractor_stamp_text(const std::map<std::string, std::int64_t>& versions);
 
 }  // namespace quilma::storage::detail
