@@ -24,6 +24,9 @@ class DatabaseTestPeer {
   }
   static std::recursive_mutex& lock(Database& db) { return db.lock_; }
   static std::int64_t count(Database& db, std::string_view sql) { return db.count(sql); }
+  static void bump_index_generation(Database& db, sqlite::Cursor* cursor = nullptr) {
+    db.bump_index_generation(cursor);
+  }
   static detail::Space space(sqlite::Connection& connection) { return Database::space(connection); }
 };
 
