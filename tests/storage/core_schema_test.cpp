@@ -1,3 +1,5 @@
+#include "quilma/storage/core_schema.h"
+
 #include <string>
 
 #include <gtest/gtest.h>
@@ -6,7 +8,6 @@
 
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
-#include "quilma/storage/core_schema.h"
 #include "quilma/storage/migrations.h"
 
 namespace quilma::storage::core_schema {
@@ -68,10 +69,10 @@ TEST_F(CoreSchemaTest, DeletingAFileDeletesItsChunksAndWhatItHolds) {
   }
   cursor_.execute("DELETE FROM files WHERE id = 2");
   EXPECT_EQ(number("SELECT COUNT(*) FROM code_chunks"), 4);
-  EXPECT_EQ(number("SELECT COUNT(*) FROM code_chunks WHERE rowid BETWEEN " +
-                   std::to_string(chunk_rowid(2, 0)) + " AND " +
-                   std::to_string(chunk_rowid(3, 0) - 1)),
-            0);
+  EXPECT_EQ(
+      number("SELECT COUNT(*) FROM code_chunks WHERE rowid BETWEEN " +
+             std::to_string(chunk_rowid(2, 0)) + " AND " + std::to_string(chunk_rowid(3, 0) - 1)),
+      0);
   EXPECT_EQ(number("SELECT COUNT(*) FROM symbols") + number("SELECT COUNT(*) FROM edges"), 0);
 
   // The trigger outlives the table being dropped and made again.

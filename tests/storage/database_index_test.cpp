@@ -41,7 +41,8 @@ TEST_F(DatabaseIndexTest, StatisticsCountWhatAUserSeesInTheirOrder) {
                                            Pair("components", 0), Pair("errors", 0)));
   db_.transaction([](sqlite::Cursor& cursor) {
     cursor.execute("INSERT INTO components (id, name) VALUES (1, 'core')");
-    cursor.execute("INSERT INTO files (id, path, component_id) VALUES (1, 'a.py', 1), (2, 'b.py', 1)");
+    cursor.execute(
+        "INSERT INTO files (id, path, component_id) VALUES (1, 'a.py', 1), (2, 'b.py', 1)");
     cursor.execute(
         "INSERT INTO symbols (id, file_id, name, kind) VALUES (1, 1, 'a.py', 'file'), "
         "(2, 2, 'b.py', 'file'), (3, 1, 'main', 'function'), (4, 1, 'File', 'class')");
@@ -63,10 +64,10 @@ TEST_F(DatabaseIndexTest, ErrorRecordsAreKeptClearedAndCountedByFile) {
   db_.record_error("a.py", "");
   db_.record_error("b.py", PARTIAL_PARSE_ERROR);
   EXPECT_EQ(db_.get_error_count(), 2);
-  EXPECT_THAT(errors(), ElementsAre("a.py partial_parse unexpected indent 12",
-                                    "a.py partial_parse unexpected indent 12",
-                                    "a.py io_error NULL NULL", "a.py  NULL NULL",
-                                    "b.py partial_parse NULL NULL"));
+  EXPECT_THAT(errors(),
+              ElementsAre("a.py partial_parse unexpected indent 12",
+                          "a.py partial_parse unexpected indent 12", "a.py io_error NULL NULL",
+                          "a.py  NULL NULL", "b.py partial_parse NULL NULL"));
 
   db_.clear_file_errors("c.py");
   db_.clear_file_errors("a.py", std::string(PARTIAL_PARSE_ERROR));

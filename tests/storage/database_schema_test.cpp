@@ -26,10 +26,10 @@ namespace quilma::storage {
 namespace {
 
 using Peer = DatabaseTestPeer;
-using testing::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using testing::LogCapture;
 using namespace std::string_literals;
 
 // Runs `sql` on its own connection and returns the first column of the first row as text.
@@ -132,8 +132,9 @@ TEST_P(OpenReleaseFileTest, MigratesToTheCurrentSchemaAndPageSizeKeepingTheIndex
   EXPECT_TRUE(has_column(path, "index_errors", "line"));
   EXPECT_TRUE(has_column(path, "symbols", "qualified_name"));
   EXPECT_TRUE(has_column(path, "code_chunks", "exact"));
-  EXPECT_EQ(value_of(path, "SELECT COUNT(*) FROM sqlite_schema WHERE name IN "
-                           "('idx_symbols_name', 'files_delete_chunks', 'pending_references')"),
+  EXPECT_EQ(value_of(path,
+                     "SELECT COUNT(*) FROM sqlite_schema WHERE name IN "
+                     "('idx_symbols_name', 'files_delete_chunks', 'pending_references')"),
             "3");
   // Text that an older table could not hold is parsed again at the next pass.
   EXPECT_EQ(value_of(path, "SELECT COUNT(*) FROM code_chunks"), GetParam().chunks_kept ? "1" : "0");
@@ -146,11 +147,10 @@ TEST_P(OpenReleaseFileTest, MigratesToTheCurrentSchemaAndPageSizeKeepingTheIndex
   EXPECT_THAT(log.texts(spdlog::level::info), ElementsAre("Schema version 3.1.0 (recorded 3.1.0)"));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Releases, OpenReleaseFileTest,
-    ::testing::Values(ReleaseCase{Release::V2_0, "2.0.0", false},
-                      ReleaseCase{Release::V2_12, "2.12.0", true},
-                      ReleaseCase{Release::V3_AS_INTEGER, "3", true}));
+INSTANTIATE_TEST_SUITE_P(Releases, OpenReleaseFileTest,
+                         ::testing::Values(ReleaseCase{Release::V2_0, "2.0.0", false},
+                                           ReleaseCase{Release::V2_12, "2.12.0", true},
+                                           ReleaseCase{Release::V3_AS_INTEGER, "3", true}));
 
 TEST(OpenSequenceTest, NewFileIsCreatedCurrentAndOpensWithoutRewriting) {
   testing::TempDir dir;
@@ -162,8 +162,9 @@ TEST(OpenSequenceTest, NewFileIsCreatedCurrentAndOpensWithoutRewriting) {
   db.create_schema();  // a second run finds every table and changes nothing
   db.migrate_schema();
   EXPECT_EQ(Peer::readers(db), readers);  // no rewrite, so the pool stays
-  EXPECT_EQ(db.fetchone("SELECT value FROM schema_info WHERE key = 'version'")->operator[](0).as_text(),
-            migrations::SCHEMA_VERSION);
+  EXPECT_EQ(
+      db.fetchone("SELECT value FROM schema_info WHERE key = 'version'")->operator[](0).as_text(),
+      migrations::SCHEMA_VERSION);
   EXPECT_THAT(size_log.lines(), IsEmpty());
   EXPECT_TRUE(db.check_integrity());
 }
@@ -189,8 +190,9 @@ TEST(OpenSequenceTest, FailingStepKeepsTheStepsBeforeItAndStopsTheOpen) {
   }
   EXPECT_EQ(migrations_log.texts(spdlog::level::warn).size(), 1U);
   EXPECT_THAT(log.lines(), IsEmpty());  // neither the version line nor a rewrite
-  EXPECT_EQ(db.fetchone("SELECT value FROM schema_info WHERE key = 'version'")->operator[](0).as_text(),
-            "3.0.0");
+  EXPECT_EQ(
+      db.fetchone("SELECT value FROM schema_info WHERE key = 'version'")->operator[](0).as_text(),
+      "3.0.0");
   EXPECT_EQ(db.fetchone("PRAGMA page_size")->operator[](0).as_int(), 4096);
 }
 
@@ -230,8 +232,9 @@ TEST(CheckIntegrityTest, ReportsADamagedFile) {
   EXPECT_TRUE(db.check_integrity());
   // An index entry that points at no row: what a torn write leaves behind.
   db.execute("PRAGMA writable_schema = ON");
-  db.execute("UPDATE sqlite_schema SET sql = 'CREATE INDEX idx_files_language ON files (path)' "
-             "WHERE name = 'idx_files_language'");
+  db.execute(
+      "UPDATE sqlite_schema SET sql = 'CREATE INDEX idx_files_language ON files (path)' "
+      "WHERE name = 'idx_files_language'");
   db.execute("PRAGMA writable_schema = OFF");
   db.close();
   Database reopened(path);
@@ -247,8 +250,9 @@ class RewritePagesTest : public ::testing::Test {
     Database db(path_);
     open_sequence(db);  // rewrites: undo that for the tests
     db.close();
-    run(path_, "PRAGMA journal_mode = DELETE; PRAGMA page_size = 4096; VACUUM; "
-               "PRAGMA journal_mode = WAL; INSERT INTO keep VALUES ('kept')");
+    run(path_,
+        "PRAGMA journal_mode = DELETE; PRAGMA page_size = 4096; VACUUM; "
+        "PRAGMA journal_mode = WAL; INSERT INTO keep VALUES ('kept')");
     ASSERT_EQ(value_of(path_, "PRAGMA page_size"), "4096");
     size_log_.clear();
   }
@@ -373,8 +377,8 @@ class ExtractorStampTest : public ::testing::Test {
     log_.clear();
   }
   std::optional<std::string> stamp() {
-    const std::optional<sqlite::Row> row = db_.fetchone(
-        "SELECT value FROM schema_info WHERE key = ?", {EXTRACTOR_VERSIONS_KEY});
+    const std::optional<sqlite::Row> row =
+        db_.fetchone("SELECT value FROM schema_info WHERE key = ?", {EXTRACTOR_VERSIONS_KEY});
     if (!row) return std::nullopt;
     return (*row)[0].as_text();
   }
@@ -423,13 +427,15 @@ TEST_F(ExtractorStampTest, StampTextIsSortedOneLineAndAsciiOnly) {
       {{"\xF0\x9F\x98\x80", 1}, {"z", -1}, {"\xC3\xA9", 9007199254740993}, {"a\"b\\", 2}});
   EXPECT_EQ(stamp(), R"({"a\"b\\": 2, "z": -1, "\u00e9": 9007199254740993, "\ud83d\ude00": 1})");
   // The stored text reads back as the same versions: nothing changes at the next call.
-  EXPECT_EQ(db_.refresh_extractor_stamp(
-                {{"a\"b\\", 2}, {"z", -1}, {"\xC3\xA9", 9007199254740993}, {"\xF0\x9F\x98\x80", 1}}),
-            0);
+  EXPECT_EQ(
+      db_.refresh_extractor_stamp(
+          {{"a\"b\\", 2}, {"z", -1}, {"\xC3\xA9", 9007199254740993}, {"\xF0\x9F\x98\x80", 1}}),
+      0);
   EXPECT_THAT(log_.texts(spdlog::level::warn), IsEmpty());
 
-  EXPECT_THAT(testing::error_of<std::invalid_argument>(
-                  [&] { db_.refresh_extractor_stamp({{"go", 1}, {"bad\xFF", 1}}); }),
+  EXPECT_THAT(testing::error_of<std::invalid_argument>([&] {
+                db_.refresh_extractor_stamp({{"go", 1}, {"bad\xFF", 1}});
+              }),
               HasSubstr("'bad\\xff' is not UTF-8"));
   EXPECT_EQ(stale(), 0);
 }
@@ -485,8 +491,9 @@ TEST_F(ExtractorStampTest, FailureInsideRollsBackTheMarksAndTheStamp) {
   db_.execute("UPDATE files SET hash = 'h'");
   log_.clear();
   // Marking fails half-way (after "go", at "python"), as a write to a full disk would.
-  db_.execute("CREATE TRIGGER no_python BEFORE UPDATE ON files WHEN old.language = 'python' "
-              "BEGIN SELECT RAISE(FAIL, 'disk full'); END");
+  db_.execute(
+      "CREATE TRIGGER no_python BEFORE UPDATE ON files WHEN old.language = 'python' "
+      "BEGIN SELECT RAISE(FAIL, 'disk full'); END");
   EXPECT_THROW(db_.refresh_extractor_stamp({{"python", 2}, {"go", 1}}), sqlite::IntegrityError);
   EXPECT_EQ(stale(), 0);
   EXPECT_EQ(stamp(), R"({"python": 1})");

@@ -1,3 +1,5 @@
+#include "quilma/storage/migrations.h"
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -10,14 +12,13 @@
 
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
-#include "quilma/storage/migrations.h"
 
 namespace quilma::storage::migrations {
 namespace {
 
+using quilma::testing::error_of;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using quilma::testing::error_of;
 
 TEST(MigrationsTest, VersionsCompareNumericallyAndStepsAreInOrder) {
   EXPECT_LT(detail::parse_version("3.9.0"), detail::parse_version("3.10.0"));
@@ -101,8 +102,9 @@ TEST_F(MigrateTest, AFailedStepLeavesTheFileAtTheStepBefore) {
                         "quilma::sqlite::OperationalError: no such table: no_such_table"));
   EXPECT_EQ(version(), "2.4.0");
   // The failed step's own work went with its transaction.
-  EXPECT_EQ(cursor_.execute("SELECT COUNT(*) FROM pragma_table_info('code_chunks') "
-                            "WHERE name = 'exact'")
+  EXPECT_EQ(cursor_
+                .execute("SELECT COUNT(*) FROM pragma_table_info('code_chunks') "
+                         "WHERE name = 'exact'")
                 .fetchone()
                 .value()[0]
                 .as_int(),
@@ -142,12 +144,12 @@ TEST(MarkFilesStaleTest, MarksEveryFileOfTheLanguagesOnly) {
   )sql");
   EXPECT_EQ(mark_files_stale(cursor, {"python", "rust", "python"}), 2);
   EXPECT_EQ(mark_files_stale(cursor, {}), 0);
-  EXPECT_EQ(cursor.execute("SELECT group_concat(path) FROM files WHERE hash = ?",
-                           {REINDEX_SENTINEL_HASH})
-                .fetchone()
-                .value()[0]
-                .as_text(),
-            "a.py,b.py");
+  EXPECT_EQ(
+      cursor.execute("SELECT group_concat(path) FROM files WHERE hash = ?", {REINDEX_SENTINEL_HASH})
+          .fetchone()
+          .value()[0]
+          .as_text(),
+      "a.py,b.py");
 }
 
 }  // namespace

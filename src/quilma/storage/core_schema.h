@@ -51,8 +51,9 @@ static_assert(CHUNKS_PER_FILE == 1048576, "CHUNK_TRIGGER_DDL spells out CHUNKS_P
 
 // Creates, on the cursor of the caller's open transaction, every table of the index that the
 // file lacks, each with its indexes (and `code_chunks` with CHUNK_TRIGGER_DDL); tables that
-// exist are left as they are (bringing them up to date is the migrations' work). A file that had none of the index
-// tables is new: its "version" row is written with them, at this release's schema version.
+// exist are left as they are (bringing them up to date is the migrations' work). A file that had
+// none of the index tables is new: its "version" row is written with them, at this release's schema
+// version.
 void create_tables(sqlite::Cursor& cursor);
 
 }  // namespace quilma::storage::core_schema

@@ -1,10 +1,9 @@
 // Database: the schema and what the index records of itself: creation and migration, the
 // page-size rewrite at open, the index generation and the extractor stamp.
 #include <exception>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "quilma/sqlite/error.h"
 #include "quilma/storage/core_schema.h"
@@ -55,7 +54,7 @@ class StampReader {
 
  private:
   bool member(std::string version) {
-    if (depth_ != 1) return false;  // a bare number is not a stamp
+    if (depth_ != 1) return false;      // a bare number is not a stamp
     stamp_[key_] = std::move(version);  // a repeated name: the last one counts
     return true;
   }

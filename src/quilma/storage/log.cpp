@@ -8,7 +8,6 @@
 #include <typeinfo>
 
 #include <cxxabi.h>
-
 #include <spdlog/sinks/stdout_sinks.h>
 
 namespace quilma::storage::detail {

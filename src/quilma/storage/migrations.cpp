@@ -27,8 +27,8 @@ spdlog::logger& logger() {
 
 bool has_column(sqlite::Cursor& cursor, std::string_view table, std::string_view column) {
   // Table names here are fixed words of this file, never values.
-  for (const sqlite::Row& row : cursor.execute("PRAGMA table_info(" + std::string(table) + ")")
-                                    .fetchall()) {
+  for (const sqlite::Row& row :
+       cursor.execute("PRAGMA table_info(" + std::string(table) + ")").fetchall()) {
     if (row["name"].as_text() == column) return true;
   }
   return false;
@@ -93,7 +93,8 @@ std::vector<std::int64_t> parse_version(std::string_view version) {
     const std::string_view part = version.substr(at, dot - at);
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(part.data(), part.data() + part.size(), number);
-    if (part.empty() || part.front() < '0' || part.front() > '9' || error != std::errc() || end != part.data() + part.size()) {
+    if (part.empty() || part.front() < '0' || part.front() > '9' || error != std::errc() ||
+        end != part.data() + part.size()) {
       throw SchemaMigrationError("Schema version " + storage::detail::repr(version) +
                                  " is not a dotted version number");
     }

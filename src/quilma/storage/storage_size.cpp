@@ -55,8 +55,8 @@ void rewrite_pages(sqlite::Connection& connection, const std::filesystem::path& 
     cursor.execute("VACUUM");
     detail::log(logger(), spdlog::level::info, "Rewrote %s with %d-byte pages", path, PAGE_SIZE);
   } catch (const sqlite::OperationalError& error) {
-    detail::log(logger(), spdlog::level::warn, "Could not rewrite %s with %d-byte pages: %s",
-                path, PAGE_SIZE, error.what());
+    detail::log(logger(), spdlog::level::warn, "Could not rewrite %s with %d-byte pages: %s", path,
+                PAGE_SIZE, error.what());
   }
   std::string why;
   try {
