@@ -134,6 +134,13 @@ def main():
     add("B2 20 texts: Python sqlite3 / Database", f"{python['B2']:.2f}x faster", ">= 2x",
         python["B2"] >= 2)
 
+    b6 = find("B6_OpenSequence_Paired")
+    if b6 is not None:
+        add("B6 open sequence: Database / raw C open with the same pragmas",
+            f"{b6['database_per_raw_pragmas']:.3f}x", "<= 1.20x", b6["database_per_raw_pragmas"] <= 1.2)
+        rows.append(("B6 open sequence: Database / raw C running the same statements",
+                     f"{b6['database_per_raw_same_statements']:.3f}x", "", ""))
+
     for pool in (1, 0):
         entry = find(f"B3_ReadLatencyDuringWrite/pool:{pool}")
         if entry is None:
