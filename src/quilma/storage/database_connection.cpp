@@ -170,6 +170,8 @@ void Database::close() {
   // Closing the writer under a statement that another thread runs on it would crash that
   // thread: wait for it.
   const std::lock_guard hold(lock_);
+  // A page rewrite that held the lock meanwhile may have opened a new pool.
+  if (ReaderPool* pool = readers_.load(std::memory_order_acquire)) pool->close();
   if (connection_.load(std::memory_order_acquire) != nullptr) {
     // The writer is closed even when SQLite reports an error from it. closed_ goes first: a
     // thread that sees no connection must also see why.

@@ -37,7 +37,8 @@ class StampReader {
   bool number_integer(json::number_integer_t value) { return member(std::to_string(value)); }
   bool number_unsigned(json::number_unsigned_t value) { return member(std::to_string(value)); }
   bool number_float(json::number_float_t /*value*/, const std::string& text) {
-    // The parser hands integers too wide for 64 bits over as floating point, with their text.
+    // The parser hands integers too wide for 64 bits over as floating point, with their text
+    // (up to about 300 digits; past that it reports an overflow, and the stamp is unknown).
     if (text.find_first_of(".eE") != std::string::npos) return false;
     return member(text);
   }
@@ -76,8 +77,9 @@ std::optional<ExtractorStamp> parse_extractor_stamp(const std::optional<sqlite::
   } else if (!raw->is_null()) {
     text = raw->as_text();
   }
-  // A stored NULL or BLOB is never a stamp in the known format.
-  if (text && raw->type() != sqlite::Value::Type::Blob) {
+  // A stored NULL or BLOB is never a stamp in the known format, nor is text behind a
+  // byte-order mark, which JSON does not allow.
+  if (text && raw->type() != sqlite::Value::Type::Blob && !text->starts_with("\xEF\xBB\xBF")) {
     StampReader reader;
     if (nlohmann::json::sax_parse(*text, &reader)) return std::move(reader.stamp());
   }
@@ -115,7 +117,12 @@ void Database::migrate_schema() {
   } catch (const sqlite::OperationalError&) {  // no schema_info: a file that records nothing
   }
   std::string version(migrations::OLDEST_VERSION);
-  if (row) version = (*row)[0].is_null() ? std::string() : (*row)[0].as_text();
+  if (row) {
+    // NULL and BLOB have no text form; as "" they make the registry refuse the version.
+    const sqlite::Value& value = (*row)[0];
+    const bool textual = !value.is_null() && value.type() != sqlite::Value::Type::Blob;
+    version = textual ? value.as_text() : std::string();
+  }
 
   const std::string reached = migrations::migrate(
       [this](const std::function<void(sqlite::Cursor&)>& body) { transaction(body); }, version);

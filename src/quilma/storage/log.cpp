@@ -1,6 +1,7 @@
 // Logger registration and the printf-style rendering of log lines.
 #include "quilma/storage/log.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -14,8 +15,9 @@ namespace quilma::storage::detail {
 
 namespace {
 
-// The length of the UTF-8 sequence that starts `text` at `at`, or 0 when none does.
-std::size_t utf8_length(std::string_view text, std::size_t at) {
+// The length of the UTF-8 sequence that starts `text` at `at`, with its code point in `code`;
+// 0 when no well-formed sequence starts there.
+std::size_t decode_utf8(std::string_view text, std::size_t at, std::uint32_t& code) {
   const auto lead = static_cast<unsigned char>(text[at]);
   std::size_t length = 0;
   std::uint32_t minimum = 0;
@@ -32,17 +34,23 @@ std::size_t utf8_length(std::string_view text, std::size_t at) {
     return 0;
   }
   if (at + length > text.size()) return 0;
-  std::uint32_t code = lead & (0x7F >> length);
+  code = lead & (0x7FU >> length);
   for (std::size_t i = 1; i < length; ++i) {
     const auto next = static_cast<unsigned char>(text[at + i]);
     if ((next & 0xC0) != 0x80) return 0;
-    code = (code << 6) | (next & 0x3F);
+    code = (code << 6) | (next & 0x3FU);
   }
   if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return 0;
-  // C1 controls and the line and paragraph separators break a log line as much as ASCII
-  // controls do: escape them.
-  if (code < 0xA0 || code == 0x2028 || code == 0x2029) return 0;
   return length;
+}
+
+// Characters outside ASCII that a log line shows escaped: controls, separators, invisible
+// formatting characters and private-use characters, which would break or hide text.
+bool is_printable(std::uint32_t code) {
+  return !(code <= 0xA0 || code == 0xAD || (code >= 0x2000 && code <= 0x200F) ||
+           (code >= 0x2028 && code <= 0x202F) || (code >= 0x205F && code <= 0x206F) ||
+           code == 0x3000 || (code >= 0xE000 && code <= 0xF8FF) || code == 0xFEFF ||
+           (code >= 0xFFF9 && code <= 0xFFFB) || code >= 0xF0000);
 }
 
 }  // namespace
@@ -82,9 +90,21 @@ std::string repr(std::optional<std::string_view> text) {
       out += "\\t";
     } else if (byte >= 0x20 && byte < 0x7F) {
       out += c;
-    } else if (const std::size_t length = byte >= 0x80 ? utf8_length(*text, i) : 0; length > 0) {
-      out.append(*text, i, length);
-      i += length;
+    } else if (byte >= 0x80) {
+      std::uint32_t code = 0;
+      const std::size_t length = decode_utf8(*text, i, code);
+      if (length == 0) {
+        out += fmt::format("\\x{:02x}", byte);  // not UTF-8: the byte itself
+      } else if (is_printable(code)) {
+        out.append(*text, i, length);
+      } else if (code <= 0xFF) {
+        out += fmt::format("\\x{:02x}", code);
+      } else if (code <= 0xFFFF) {
+        out += fmt::format("\\u{:04x}", code);
+      } else {
+        out += fmt::format("\\U{:08x}", code);
+      }
+      i += std::max<std::size_t>(length, 1);
       continue;
     } else {
       out += fmt::format("\\x{:02x}", byte);

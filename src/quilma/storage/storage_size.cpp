@@ -1,5 +1,7 @@
 #include "quilma/storage/storage_size.h"
 
+#include <exception>
+
 #include "quilma/sqlite/cursor.h"
 #include "quilma/sqlite/error.h"
 #include "quilma/storage/database_detail.h"
@@ -48,6 +50,7 @@ void rewrite_pages(sqlite::Connection& connection, const std::filesystem::path& 
                 PAGE_SIZE, mode);
     return;
   }
+  std::exception_ptr failure;
   try {
     cursor.execute("PRAGMA page_size=" + std::to_string(PAGE_SIZE));
     // A VACUUM copies the file through its journal, so a failure leaves it as it was. It
@@ -57,6 +60,8 @@ void rewrite_pages(sqlite::Connection& connection, const std::filesystem::path& 
   } catch (const sqlite::OperationalError& error) {
     detail::log(logger(), spdlog::level::warn, "Could not rewrite %s with %d-byte pages: %s", path,
                 PAGE_SIZE, error.what());
+  } catch (...) {  // raised once the journal is back in WAL mode where it can be
+    failure = std::current_exception();
   }
   std::string why;
   try {
@@ -71,6 +76,7 @@ void rewrite_pages(sqlite::Connection& connection, const std::filesystem::path& 
                 "until it is opened again",
                 path, why);
   }
+  if (failure) std::rethrow_exception(failure);
 }
 
 }  // namespace quilma::storage::storage_size
