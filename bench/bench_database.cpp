@@ -81,7 +81,7 @@ const std::vector<std::string>& rotation_queries() {
 
 sqlite3* open_raw(const std::filesystem::path& path, bool read_only) {
   sqlite3* db = nullptr;
-  const int flags = SQLITE_OPEN_NOMUTEX |
+  const int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE |
                     (read_only ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
   if (sqlite3_open_v2(path.c_str(), &db, flags, nullptr) != SQLITE_OK) {
     throw std::runtime_error("cannot open " + path.string());
