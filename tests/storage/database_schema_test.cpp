@@ -40,6 +40,11 @@ std::string value_of(const std::filesystem::path& path, const std::string& sql) 
   return (*row)[0].is_null() ? "NULL" : (*row)[0].as_text();
 }
 
+// The first column of the first row of a query through `db`, as text.
+std::string scalar(Database& db, const std::string& sql) {
+  return db.fetchone(sql).value()[0].as_text();
+}
+
 void run(const std::filesystem::path& path, const std::string& sql) {
   sqlite::Connection connection(path);
   sqlite::Cursor cursor = connection.cursor();
@@ -120,7 +125,7 @@ TEST_P(OpenReleaseFileTest, MigratesToTheCurrentSchemaAndPageSizeKeepingTheIndex
     Database db(path);
     open_sequence(db);
     EXPECT_TRUE(db.check_integrity());
-    EXPECT_EQ(db.fetchone("SELECT COUNT(*) FROM files")->operator[](0).as_int(), 2);
+    EXPECT_EQ(scalar(db, "SELECT COUNT(*) FROM files"), "2");
     EXPECT_NE(Peer::readers(db), nullptr);  // opened again after the rewrite
   }
   EXPECT_THAT(log.texts(spdlog::level::info),
@@ -159,12 +164,10 @@ TEST(OpenSequenceTest, NewFileIsCreatedCurrentAndOpensWithoutRewriting) {
   db.connect();
   ReaderPool* readers = Peer::readers(db);
   db.create_schema();
-  db.create_schema();  // a second run finds every table and changes nothing
   db.migrate_schema();
   EXPECT_EQ(Peer::readers(db), readers);  // no rewrite, so the pool stays
-  EXPECT_EQ(
-      db.fetchone("SELECT value FROM schema_info WHERE key = 'version'")->operator[](0).as_text(),
-      migrations::SCHEMA_VERSION);
+  EXPECT_EQ(scalar(db, "SELECT value FROM schema_info WHERE key = 'version'"),
+            migrations::SCHEMA_VERSION);
   EXPECT_THAT(size_log.lines(), IsEmpty());
   EXPECT_TRUE(db.check_integrity());
 }
@@ -185,15 +188,14 @@ TEST(OpenSequenceTest, FailingStepKeepsTheStepsBeforeItAndStopsTheOpen) {
     FAIL() << "the migration went through";
   } catch (const migrations::SchemaMigrationError& error) {
     EXPECT_THAT(error.what(), HasSubstr("from 3.0.0 to 3.1.0 failed"));
-    EXPECT_THAT(error.what(), HasSubstr("there is already a table named idx_symbols_name"));
+    EXPECT_THAT(error.what(), HasSubstr("quilma::sqlite::OperationalError: there is already a "
+                                        "table named idx_symbols_name"));
     EXPECT_THROW(std::rethrow_if_nested(error), sqlite::OperationalError);
   }
   EXPECT_EQ(migrations_log.texts(spdlog::level::warn).size(), 1U);
   EXPECT_THAT(log.lines(), IsEmpty());  // neither the version line nor a rewrite
-  EXPECT_EQ(
-      db.fetchone("SELECT value FROM schema_info WHERE key = 'version'")->operator[](0).as_text(),
-      "3.0.0");
-  EXPECT_EQ(db.fetchone("PRAGMA page_size")->operator[](0).as_int(), 4096);
+  EXPECT_EQ(scalar(db, "SELECT value FROM schema_info WHERE key = 'version'"), "3.0.0");
+  EXPECT_EQ(scalar(db, "PRAGMA page_size"), "4096");
 }
 
 TEST(OpenSequenceTest, UnreadableVersionsStopTheOpenBeforeAnyStep) {
@@ -221,7 +223,7 @@ TEST(OpenSequenceTest, FileOfANewerReleaseIsLeftAlone) {
   Database db(path);
   open_sequence(db);
   EXPECT_THAT(log.lines(), IsEmpty());
-  EXPECT_EQ(db.fetchone("PRAGMA page_size")->operator[](0).as_int(), 4096);
+  EXPECT_EQ(scalar(db, "PRAGMA page_size"), "4096");
   EXPECT_FALSE(has_column(path, "symbols", "qualified_name"));
 }
 
@@ -273,6 +275,22 @@ class RewritePagesTest : public ::testing::Test {
   }
   void TearDown() override { detail::replace_free_space_query({}); }
 
+  // The open sequence, checking that the rewrite closed the pool it found and opened a new
+  // one, whatever became of the file.
+  void open_replacing_pool(Database& db) {
+    db.connect();
+    db.create_schema();
+    ReaderPool* before = Peer::readers(db);
+    ASSERT_NE(before, nullptr);
+    db.fetchone("SELECT 1");  // a read connection that must be let go for the rewrite
+    db.migrate_schema();
+    ReaderPool* after = Peer::readers(db);
+    ASSERT_NE(after, nullptr);
+    EXPECT_NE(after, before);
+    EXPECT_THROW(before->lease(), ReaderUnavailable);
+    EXPECT_NO_THROW(after->lease());
+  }
+
   testing::TempDir dir_;
   std::filesystem::path path_ = dir_ / "index.db";
   LogCapture size_log_{"quilma.storage.storage_size"};
@@ -280,19 +298,9 @@ class RewritePagesTest : public ::testing::Test {
 
 TEST_F(RewritePagesTest, WithRoomRewritesOnceWithTheReadersClosedAroundIt) {
   Database db(path_);
-  db.connect();
-  db.create_schema();
-  ReaderPool* before = Peer::readers(db);
-  ASSERT_NE(before, nullptr);
-  db.fetchone("SELECT 1");  // a read connection that must be let go for the rewrite
-  db.migrate_schema();
-  EXPECT_EQ(db.fetchone("PRAGMA page_size")->operator[](0).as_int(), 8192);
-  EXPECT_EQ(db.fetchone("SELECT v FROM keep")->operator[](0).as_text(), "kept");
-  ReaderPool* after = Peer::readers(db);
-  EXPECT_NE(after, nullptr);
-  EXPECT_NE(after, before);
-  EXPECT_THROW(before->lease(), ReaderUnavailable);
-  EXPECT_NO_THROW(after->lease());
+  open_replacing_pool(db);
+  EXPECT_EQ(scalar(db, "PRAGMA page_size"), "8192");
+  EXPECT_EQ(scalar(db, "SELECT v FROM keep"), "kept");
   EXPECT_THAT(size_log_.texts(spdlog::level::info),
               ElementsAre("Rewrote " + path_.string() + " with 8192-byte pages"));
 
@@ -307,14 +315,8 @@ TEST_F(RewritePagesTest, WithoutRoomKeepsThePagesAndTriesAgainAtTheNextOpen) {
   detail::replace_free_space_query([](const std::filesystem::path&) { return 0; });
   {
     Database db(path_);
-    db.connect();
-    ReaderPool* before = Peer::readers(db);
-    db.create_schema();
-    db.migrate_schema();
-    EXPECT_EQ(db.fetchone("PRAGMA page_size")->operator[](0).as_int(), 4096);
-    EXPECT_NE(Peer::readers(db), before);  // closed and opened again all the same
-    EXPECT_THROW(before->lease(), ReaderUnavailable);
-    EXPECT_NE(Peer::readers(db), nullptr);
+    open_replacing_pool(db);  // closed and opened again all the same
+    EXPECT_EQ(scalar(db, "PRAGMA page_size"), "4096");
   }
   const std::vector<std::string> warnings = size_log_.texts(spdlog::level::warn);
   ASSERT_EQ(warnings.size(), 1U);
@@ -325,21 +327,16 @@ TEST_F(RewritePagesTest, WithoutRoomKeepsThePagesAndTriesAgainAtTheNextOpen) {
   detail::replace_free_space_query({});
   Database db(path_);
   open_sequence(db);
-  EXPECT_EQ(db.fetchone("PRAGMA page_size")->operator[](0).as_int(), 8192);
+  EXPECT_EQ(scalar(db, "PRAGMA page_size"), "8192");
 }
 
 TEST_F(RewritePagesTest, AnotherConnectionOnTheFileKeepsItAsItIs) {
   sqlite::Connection other(path_, {.read_only = true});
   other.cursor().execute("SELECT COUNT(*) FROM keep").fetchall();  // open, idle
   Database db(path_);
-  db.connect();
-  ReaderPool* before = Peer::readers(db);
-  db.create_schema();
-  db.migrate_schema();
-  EXPECT_EQ(db.fetchone("PRAGMA page_size")->operator[](0).as_int(), 4096);
-  EXPECT_EQ(db.fetchone("PRAGMA journal_mode")->operator[](0).as_text(), "wal");
-  EXPECT_NE(Peer::readers(db), before);
-  EXPECT_NE(Peer::readers(db), nullptr);
+  open_replacing_pool(db);
+  EXPECT_EQ(scalar(db, "PRAGMA page_size"), "4096");
+  EXPECT_EQ(scalar(db, "PRAGMA journal_mode"), "wal");
   const std::vector<std::string> warnings = size_log_.texts(spdlog::level::warn);
   ASSERT_EQ(warnings.size(), 1U);
   EXPECT_THAT(warnings[0], HasSubstr("cannot leave WAL mode"));
@@ -353,7 +350,7 @@ TEST_F(RewritePagesTest, WithoutAPoolOpensOneWhenTheFileIsInWalMode) {
   Peer::set_readers(db, nullptr);  // every query on the writer, as before a rewrite to WAL
   db.migrate_schema();
   EXPECT_NE(Peer::readers(db), nullptr);
-  EXPECT_EQ(db.fetchone("PRAGMA page_size")->operator[](0).as_int(), 8192);
+  EXPECT_EQ(scalar(db, "PRAGMA page_size"), "8192");
 }
 
 TEST(IndexGenerationTest, BumpsAreSeenByOthersOnlyOnceCommitted) {
@@ -434,8 +431,7 @@ TEST_F(ExtractorStampTest, MarksTheLanguagesWhoseExtractorChanged) {
 
   EXPECT_EQ(db_.refresh_extractor_stamp({{"python", 2}, {"go", 2}, {"rust", 1}}), 3);
   EXPECT_EQ(stale(), 3);
-  EXPECT_EQ(db_.fetchone("SELECT hash FROM files WHERE language = 'go'")->operator[](0).as_text(),
-            "h");
+  EXPECT_EQ(scalar(db_, "SELECT hash FROM files WHERE language = 'go'"), "h");
   EXPECT_THAT(log_.texts(spdlog::level::info),
               ElementsAre("Extractor changed for python, rust: 3 files marked for re-indexing"));
 
