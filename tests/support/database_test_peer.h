@@ -22,7 +22,7 @@ class DatabaseTestPeer {
   static ReaderPool* set_readers(Database& db, std::unique_ptr<ReaderPool> pool) {
     return db.set_readers(std::move(pool));
   }
-  static std::recursive_mutex& lock(Database& db) { return db.lock_; }
+  static ConnectionLock& lock(Database& db) { return db.lock_; }
   static std::int64_t count(Database& db, std::string_view sql) { return db.count(sql); }
   static void bump_index_generation(Database& db, sqlite::Cursor* cursor = nullptr) {
     db.bump_index_generation(cursor);

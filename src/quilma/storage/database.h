@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -21,10 +22,13 @@
 #include <utility>
 #include <vector>
 
+#include <spdlog/common.h>
+
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/cursor.h"
 #include "quilma/sqlite/row.h"
 #include "quilma/sqlite/value.h"
+#include "quilma/storage/connection_lock.h"
 #include "quilma/storage/migrations.h"
 #include "quilma/storage/reader_pool.h"
 
@@ -34,8 +38,15 @@ class logger;
 
 namespace quilma::storage {
 
+// Compaction. Pages released per step, and so per holding of the connection lock.
+inline constexpr std::int64_t COMPACT_STEP_PAGES = 1024;
+// Fewer free pages than this, or a smaller share of the file's pages: nothing is done.
+inline constexpr std::int64_t COMPACT_MIN_FREE_PAGES = 2048;
+inline constexpr double COMPACT_MIN_FREE_RATIO = 0.1;
 // Headroom added, once per place, to the bytes that a VACUUM needs on disk.
 inline constexpr std::int64_t COMPACT_DISK_MARGIN_BYTES = 64LL * 1024 * 1024;
+// The most data, in bytes, that a file made without auto-vacuum is rewritten with in place.
+inline constexpr std::int64_t COMPACT_CONVERT_MAX_BYTES = 1024LL * 1024 * 1024;
 
 // Keys of schema_info: the extractor stamp, and a row kept by the rest of the service.
 inline constexpr std::string_view EXTRACTOR_VERSIONS_KEY = "extractor_versions";
@@ -48,6 +59,16 @@ using migrations::REINDEX_SENTINEL_HASH;
 // An ordered mapping from table or statistic name to a count, in the order the operation
 // defines.
 using Counts = std::vector<std::pair<std::string, std::int64_t>>;
+
+// What a compaction did, or why it did nothing.
+struct Compaction {
+  bool converted = false;  // the file was rewritten into incremental auto-vacuum mode
+  std::int64_t pages_released = 0;
+  // Why nothing was done, when a refusal or an error stopped it; std::nullopt when the
+  // compaction ran, and when it found too little to gain.
+  std::optional<std::string> skipped;
+  bool operator==(const Compaction&) const = default;
+};
 
 // How many read connections to keep, from QUILMA_DB_READERS: 6 when it is unset, empty or
 // not an integer; otherwise the value clamped to 0..32. 0 means no pool. Read on every call.
@@ -121,6 +142,17 @@ class Database {
   // name that is not UTF-8.
   std::int64_t refresh_extractor_stamp(const std::map<std::string, std::int64_t>& versions);
 
+  // Empties the index tables (edges, external_imports, symbols, files, components,
+  // index_errors) and code_chunks in one transaction, and logs how many rows each held.
+  // schema_info, pending_references and the other features' tables keep their rows.
+  void clear_all();
+  // Replaces the index tables' rows, and code_chunks' when both files have it, with those of
+  // the staging database at `staging_path`, in one transaction that also bumps the index
+  // generation; then compacts. The staging file is only read. Returns the rows inserted per
+  // table. FileNotFoundError when nothing exists at the path; sqlite::OperationalError when
+  // the calling thread has a transaction open. A failure leaves the live index as it was.
+  Counts swap_index_from(const std::filesystem::path& staging_path);
+
   // "files", "symbols" (those a user sees), "edges", "components" and "errors" (rows), in
   // that order; five separate queries, not one snapshot.
   Counts get_stats();
@@ -132,6 +164,14 @@ class Database {
                          std::optional<std::string> error_type = std::nullopt);
   // How many distinct files have at least one error record.
   std::int64_t get_error_count();
+
+  // Gives the file system back the free pages that a swap or a delete left, when there are
+  // enough of them: in steps that leave the lock free between them, or, for a file made
+  // without auto-vacuum, by rewriting it once. Blocks on the disk; on a thread running the
+  // service's event loop it declines at once. Never throws for SQLite or operating-system
+  // errors: a refusal or failure comes back in `skipped`, logged once per kind at its own
+  // level and at DEBUG afterwards.
+  Compaction compact();
 
  private:
   friend class DatabaseTestPeer;
@@ -150,7 +190,7 @@ class Database {
 
    private:
     Database& db_;
-    std::unique_lock<std::recursive_mutex> hold_;
+    std::unique_lock<ConnectionLock> hold_;
     std::optional<sqlite::Cursor> cursor_;  // the body's; destroyed before hold_ lets go
     // The outermost level's own cursor for BEGIN, COMMIT and ROLLBACK, so that a body that
     // closes or moves away its cursor cannot leave the transaction open behind the lock.
@@ -170,6 +210,24 @@ class Database {
   // Rewrites a file whose pages are smaller than storage_size::PAGE_SIZE, with the read
   // connections closed, and opens them again for the journal mode it ends in.
   void rewrite_pages();
+  // compact() without its error handling.
+  Compaction compact_unguarded();
+  // Takes pages off the free list in steps of COMPACT_STEP_PAGES, taking the lock for each
+  // step: the caller must not hold it. Returns how many went back to the file system.
+  std::int64_t release_free_pages();
+  // Writes the log into the file and empties it, which is what shortens a file in WAL mode.
+  // The caller holds the lock.
+  void shrink_file(sqlite::Connection& connection);
+  // Rewrites a file made without auto-vacuum once, in incremental mode; `measured` is the
+  // caller's measurement of it. Called without the lock.
+  Compaction convert_to_incremental(const detail::Space& measured);
+  static void vacuum(sqlite::Connection& connection);
+  // Logs a refusal (at `level` the first time for its kind, then at DEBUG, with the error
+  // being handled appended when `with_error`) and returns it as a Compaction.
+  Compaction skip_compaction(const std::string& kind, const std::string& reason,
+                             spdlog::level::level_enum level, bool with_error = false);
+  Compaction skip_compaction(const std::string& kind, const std::string& reason);
+
   // Sets the generation one higher: on `cursor`, in the caller's transaction, when given
   // (exact, since the read runs under the same lock); otherwise as a statement of its own.
   void bump_index_generation(sqlite::Cursor* cursor = nullptr);
@@ -178,7 +236,7 @@ class Database {
   std::unique_ptr<sqlite::Connection> writer_;  // owns what connection_ points at
   std::atomic<sqlite::Connection*> connection_{nullptr};
   // Guards every use of the writer connection and the fields written under it.
-  mutable std::recursive_mutex lock_;
+  mutable ConnectionLock lock_;
   int tx_depth_ = 0;  // open transaction levels; written only under lock_
   std::atomic<bool> closed_{false};
   // The pool that queries lease from, or none; read without the lock. Every pool it has
@@ -189,6 +247,12 @@ class Database {
   // The thread whose outermost transaction is open. Written under lock_; read without it,
   // and it holds a thread's own id only while that thread's transaction is open.
   std::atomic<std::thread::id> tx_owner_{};
+  // Refusal kinds of compaction already logged at their own level; used without lock_.
+  std::mutex compaction_noted_mutex_;
+  std::set<std::string> compaction_noted_;
+  // Set once a conversion to incremental auto-vacuum failed: it is not tried again by this
+  // object. Read without lock_.
+  std::atomic<bool> conversion_failed_{false};
 };
 
 template <class Body>

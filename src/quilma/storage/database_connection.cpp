@@ -126,7 +126,8 @@ void Database::connect() {
   }
   closed_.store(false, std::memory_order_release);
 
-  auto writer = std::make_unique<sqlite::Connection>(db_path_);
+  auto writer = std::make_unique<sqlite::Connection>(
+      db_path_, sqlite::OpenOptions{.busy_timeout = detail::WRITER_BUSY_TIMEOUT});
   connection_.store(writer.get(), std::memory_order_release);
   writer_ = std::move(writer);  // a writer this replaces is closed here
 

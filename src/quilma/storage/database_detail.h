@@ -1,6 +1,7 @@
 // Internal to the storage layer: helpers of Database that tests reach directly.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -12,12 +13,15 @@
 #include "quilma/sqlite/error.h"
 #include "quilma/sqlite/row.h"
 #include "quilma/sqlite/value.h"
+#include "quilma/storage/database.h"
 
 namespace quilma::storage::detail {
 
 inline constexpr std::string_view READERS_ENV = "QUILMA_DB_READERS";
 inline constexpr int DEFAULT_READERS = 6;
 inline constexpr int MAX_READERS = 32;
+// How long a statement on the writer waits for another process's lock on the file.
+inline constexpr std::chrono::milliseconds WRITER_BUSY_TIMEOUT{5000};
 
 // Whether a query may run on a read connection: it begins with SELECT or WITH, or it is the
 // read of the index generation ("PRAGMA user_version"). A WITH that writes passes here and
@@ -65,6 +69,27 @@ std::uintmax_t available_bytes(const std::filesystem::path& directory);
 // and returns the previous one; an empty function restores the file system's own.
 using FreeSpaceQuery = std::function<std::uintmax_t(const std::filesystem::path&)>;
 FreeSpaceQuery replace_free_space_query(FreeSpaceQuery query);
+
+// The directory that holds the database file at `db_path` ("." for a bare file name).
+std::filesystem::path directory_of(const std::filesystem::path& db_path);
+
+// Whether a file with `space` has enough free pages, by count and by share, to be compacted.
+bool worth_compacting(const Space& space);
+
+// Whether the calling thread is running the service's event loop now.
+bool on_event_loop();
+
+// Whether the database attached under `schema` ("main" for the live one) has code_chunks.
+// `schema` goes into the SQL as it is: callers pass fixed names only.
+bool has_code_chunks(sqlite::Cursor& cursor, std::string_view schema = "main");
+
+// Empties code_chunks by dropping and re-creating it (deleting an FTS5 table's rows would
+// tokenize each of them again), inside the transaction the caller has open on `cursor`.
+// Returns whether the live database has the table; without it nothing changes.
+bool empty_code_chunks(sqlite::Cursor& cursor);
+
+// `counts` as log lines show a mapping: {'files': 3, 'symbols': 12}.
+std::string counts_text(const Counts& counts);
 
 // What an extractor stamp records: language name to version, as the version's decimal text
 // so that an integer of any width compares exactly.

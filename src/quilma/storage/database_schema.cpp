@@ -143,9 +143,8 @@ void Database::rewrite_pages() {
   const detail::Space measured = space(writer);
   if (measured.page_size >= storage_size::PAGE_SIZE) return;
   const std::int64_t used = (measured.pages - measured.free) * measured.page_size;
-  const std::filesystem::path parent = db_path_.parent_path();
   const std::optional<std::string> why_not =
-      detail::disk_shortfall(parent.empty() ? std::filesystem::path(".") : parent, used);
+      detail::disk_shortfall(detail::directory_of(db_path_), used);
 
   // Leaving WAL needs the file to itself. With readers_ empty, a query that comes meanwhile
   // goes to the writer and waits for the lock.

@@ -1,5 +1,8 @@
-// Database: how much of the file is in use, and whether the disks can hold a rewrite of it.
+// Database: how much of the file is in use, whether the disks can hold a rewrite of it, and
+// compaction: releasing free pages in steps, converting an old file once, and reporting why
+// nothing was done.
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <limits>
 #include <mutex>
@@ -10,11 +13,33 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "quilma/runtime/event_loop.h"
 #include "quilma/sqlite/error.h"
 #include "quilma/storage/database.h"
 #include "quilma/storage/database_detail.h"
+#include "quilma/storage/log.h"
 
 namespace quilma::storage {
+
+namespace {
+
+// The first column of the first row of `sql`, a pragma that always answers with one.
+std::int64_t read_int(sqlite::Cursor& cursor, const std::string& sql) {
+  const std::optional<sqlite::Row> row = cursor.execute(sql).fetchone();
+  // Never on an open file; a 0 read as "no auto-vacuum" would send compaction astray.
+  if (!row) sqlite::raise_error(SQLITE_ERROR, sql + " returned no row");
+  return (*row)[0].as_int();
+}
+
+std::int64_t file_mib(const std::filesystem::path& path) {
+  return static_cast<std::int64_t>(std::filesystem::file_size(path)) / detail::MIB;
+}
+
+double seconds_since(std::chrono::steady_clock::time_point started) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+}
+
+}  // namespace
 
 namespace detail {
 
@@ -92,22 +117,209 @@ std::optional<std::string> disk_shortfall(const std::filesystem::path& db_dir,
   return std::nullopt;
 }
 
+std::filesystem::path directory_of(const std::filesystem::path& db_path) {
+  std::filesystem::path parent = db_path.parent_path();
+  return parent.empty() ? std::filesystem::path(".") : parent;
+}
+
+bool worth_compacting(const Space& space) {
+  return space.free >= COMPACT_MIN_FREE_PAGES &&
+         static_cast<double>(space.free) >=
+             static_cast<double>(space.pages) * COMPACT_MIN_FREE_RATIO;
+}
+
+bool on_event_loop() { return runtime::on_event_loop(); }
+
 }  // namespace detail
 
 detail::Space Database::space(sqlite::Connection& connection) {
   sqlite::Cursor cursor = connection.cursor();
-  auto read = [&cursor](const char* pragma) -> std::int64_t {
-    const std::optional<sqlite::Row> row = cursor.execute(pragma).fetchone();
-    // Never on an open file; a 0 read as "no auto-vacuum" would send compaction astray.
-    if (!row) sqlite::raise_error(SQLITE_ERROR, std::string(pragma) + " returned no row");
-    return (*row)[0].as_int();
-  };
   detail::Space space;
-  space.mode = read("PRAGMA auto_vacuum");
-  space.pages = read("PRAGMA page_count");
-  space.free = read("PRAGMA freelist_count");
-  space.page_size = read("PRAGMA page_size");
+  space.mode = read_int(cursor, "PRAGMA auto_vacuum");
+  space.pages = read_int(cursor, "PRAGMA page_count");
+  space.free = read_int(cursor, "PRAGMA freelist_count");
+  space.page_size = read_int(cursor, "PRAGMA page_size");
   return space;
+}
+
+Compaction Database::compact() {
+  // Maintenance must not fail the work it follows: what the database or the disk does is
+  // reported, and anything else (a bug) goes on.
+  try {
+    return compact_unguarded();
+  } catch (const sqlite::Error& error) {
+    return skip_compaction("failed", std::string("failed: ") + error.what(), spdlog::level::warn,
+                           true);
+  } catch (const std::system_error& error) {
+    return skip_compaction("failed", std::string("failed: ") + error.what(), spdlog::level::warn,
+                           true);
+  }
+}
+
+Compaction Database::compact_unguarded() {
+  if (detail::on_event_loop()) {
+    return skip_compaction("loop", "called on the event loop: a pool thread compacts");
+  }
+  detail::Space measured;
+  {
+    const std::lock_guard hold(lock_);
+    sqlite::Connection* writer = connection_.load(std::memory_order_acquire);
+    if (writer == nullptr) return skip_compaction("closed", "the database is closed");
+    // Holding the lock, a transaction still open can only be this thread's own.
+    if (tx_depth_ > 0) return skip_compaction("transaction", "called inside a transaction");
+    measured = space(*writer);
+  }
+  if (!detail::worth_compacting(measured)) return {};
+  if (measured.mode == detail::AUTO_VACUUM_NONE) return convert_to_incremental(measured);
+
+  const auto started = std::chrono::steady_clock::now();
+  const std::int64_t mib_before = file_mib(db_path_);
+  const std::int64_t released = release_free_pages();
+  {
+    const std::lock_guard hold(lock_);
+    if (sqlite::Connection* writer = connection_.load(std::memory_order_acquire)) {
+      shrink_file(*writer);
+    }
+  }
+  detail::log(*database_logger(), spdlog::level::info,
+              "Compacted %s: %d free pages released (%d -> %d MiB) in %.1fs", db_path_.string(),
+              released, mib_before, file_mib(db_path_), seconds_since(started));
+  return Compaction{.converted = false, .pages_released = released, .skipped = std::nullopt};
+}
+
+std::int64_t Database::release_free_pages() {
+  static const std::string release_step =
+      "PRAGMA incremental_vacuum(" + std::to_string(COMPACT_STEP_PAGES) + ")";
+  std::int64_t released = 0;
+  for (;;) {
+    std::int64_t free = 0;
+    std::int64_t remaining = 0;
+    {
+      const std::lock_guard hold(lock_);
+      sqlite::Connection* writer = connection_.load(std::memory_order_acquire);
+      if (writer == nullptr) break;  // closed between two steps
+      sqlite::Cursor cursor = writer->cursor();
+      free = read_int(cursor, "PRAGMA freelist_count");
+      if (free == 0) break;
+      // One page goes back per result row: the statement runs to its end.
+      cursor.execute(release_step).fetchall();
+      remaining = read_int(cursor, "PRAGMA freelist_count");
+    }
+    // Other threads may write between steps: only what a step itself took off counts.
+    if (remaining >= free) break;
+    released += free - remaining;
+    lock_.let_waiters_in();
+  }
+  return released;
+}
+
+void Database::shrink_file(sqlite::Connection& connection) {
+  // A checkpoint that must wait for readers would wait for the busy timeout while holding
+  // the lock; one that cannot finish now leaves the file to shrink at a later checkpoint.
+  struct NoBusyWait {
+    sqlite3* handle;
+    explicit NoBusyWait(sqlite3* db) : handle(db) { sqlite3_busy_timeout(handle, 0); }
+    ~NoBusyWait() {
+      sqlite3_busy_timeout(handle, static_cast<int>(detail::WRITER_BUSY_TIMEOUT.count()));
+    }
+    NoBusyWait(const NoBusyWait&) = delete;
+    NoBusyWait& operator=(const NoBusyWait&) = delete;
+  };
+  std::int64_t busy = 0;
+  {
+    const NoBusyWait no_wait(connection.handle());
+    sqlite::Cursor cursor = connection.cursor();
+    busy = read_int(cursor, "PRAGMA wal_checkpoint(TRUNCATE)");
+  }
+  if (busy != 0) {
+    detail::log(*database_logger(), spdlog::level::info,
+                "Compaction of %s: a reader still uses an older snapshot, so the file shrinks at "
+                "a later checkpoint",
+                db_path_.string());
+  }
+}
+
+void Database::vacuum(sqlite::Connection& connection) {
+  sqlite::Cursor cursor = connection.cursor();
+  // The mode takes effect through the VACUUM that follows.
+  cursor.execute("PRAGMA auto_vacuum=INCREMENTAL");
+  cursor.execute("VACUUM");
+}
+
+Compaction Database::convert_to_incremental(const detail::Space& measured) {
+  if (conversion_failed_.load(std::memory_order_acquire)) {
+    return skip_compaction("failed", "an earlier conversion failed or changed nothing: not retried");
+  }
+  const std::int64_t used = (measured.pages - measured.free) * measured.page_size;
+  if (used > COMPACT_CONVERT_MAX_BYTES) {
+    return skip_compaction(
+        "large", "too large to convert in place: " + std::to_string(used / detail::MIB) +
+                     " MiB of data, the limit is " +
+                     std::to_string(COMPACT_CONVERT_MAX_BYTES / detail::MIB) +
+                     " MiB; its free pages stay until the index file is rebuilt");
+  }
+  // The VACUUM holds the lock throughout; only read connections keep queries going meanwhile.
+  if (readers_.load(std::memory_order_acquire) == nullptr) {
+    return skip_compaction(
+        "readers", "no read connections: a query would wait for the lock the conversion holds");
+  }
+  if (std::optional<std::string> shortfall =
+          detail::disk_shortfall(detail::directory_of(db_path_), used)) {
+    return skip_compaction("disk", *shortfall);
+  }
+
+  const auto started = std::chrono::steady_clock::now();
+  const std::int64_t mib_before = file_mib(db_path_);
+  detail::Space after;
+  try {
+    const std::lock_guard hold(lock_);
+    sqlite::Connection* writer = connection_.load(std::memory_order_acquire);
+    if (writer == nullptr) return skip_compaction("closed", "the database is closed");
+    // Another thread may have converted the file since the caller measured it.
+    if (space(*writer).mode != detail::AUTO_VACUUM_NONE) return {};
+    vacuum(*writer);
+    shrink_file(*writer);
+    after = space(*writer);
+  } catch (const sqlite::Error&) {
+    conversion_failed_.store(true, std::memory_order_release);
+    throw;
+  } catch (const std::system_error&) {
+    conversion_failed_.store(true, std::memory_order_release);
+    throw;
+  }
+  if (after.mode != detail::AUTO_VACUUM_INCREMENTAL) {
+    conversion_failed_.store(true, std::memory_order_release);
+    return skip_compaction("failed", "the file was rewritten but is not in incremental "
+                                     "auto-vacuum mode");
+  }
+  const std::int64_t released = measured.pages - after.pages;
+  detail::log(*database_logger(), spdlog::level::info,
+              "Converted %s to incremental auto-vacuum: %d free pages released (%d -> %d MiB) in "
+              "%.1fs",
+              db_path_.string(), released, mib_before, file_mib(db_path_), seconds_since(started));
+  return Compaction{.converted = true, .pages_released = released, .skipped = std::nullopt};
+}
+
+Compaction Database::skip_compaction(const std::string& kind, const std::string& reason) {
+  return skip_compaction(kind, reason, spdlog::level::info);
+}
+
+Compaction Database::skip_compaction(const std::string& kind, const std::string& reason,
+                                     spdlog::level::level_enum level, bool with_error) {
+  bool first = false;
+  {
+    const std::lock_guard hold(compaction_noted_mutex_);
+    first = compaction_noted_.insert(kind).second;
+  }
+  // A reason that holds pass after pass is reported once at its own level.
+  const spdlog::level::level_enum at = first ? level : spdlog::level::debug;
+  if (with_error) {
+    detail::log(*database_logger(), at, "Compaction of %s skipped: %s\n%s", db_path_.string(),
+                reason, detail::describe_current_error());
+  } else {
+    detail::log(*database_logger(), at, "Compaction of %s skipped: %s", db_path_.string(), reason);
+  }
+  return Compaction{.converted = false, .pages_released = 0, .skipped = reason};
 }
 
 }  // namespace quilma::storage
