@@ -28,6 +28,14 @@ class DatabaseTestPeer {
     db.bump_index_generation(cursor);
   }
   static detail::Space space(sqlite::Connection& connection) { return Database::space(connection); }
+  static std::int64_t release_free_pages(Database& db) { return db.release_free_pages(); }
+  static void shrink_file(Database& db) {
+    const std::lock_guard hold(db.lock_);
+    db.shrink_file(db.connection());
+  }
+  static Compaction convert_to_incremental(Database& db, const detail::Space& measured) {
+    return db.convert_to_incremental(measured);
+  }
 };
 
 }  // namespace quilma::storage
