@@ -141,6 +141,23 @@ def main():
         rows.append(("B6 open sequence: Database / raw C running the same statements",
                      f"{b6['database_per_raw_same_statements']:.3f}x", "", ""))
 
+    b4 = find("B4_Swap")
+    if b4 is not None:
+        add("B4 swap of a full index, commit and compaction included: Database / raw C",
+            f"{b4['database_per_raw']:.3f}x", "<= 1.05x", b4["database_per_raw"] <= 1.05)
+        rows.append(("B4 swap times (median)",
+                     f"Database {b4['database_ms'] / 1000:.1f} s, raw C {b4['raw_ms'] / 1000:.1f} s, "
+                     f"transfer-optimised copy (floor) {b4['transfer_floor_ms'] / 1000:.1f} s", "", ""))
+        rows.append(("B4 share of the swap deleting the old rows and dropping code_chunks",
+                     f"{b4['clear_share'] * 100:.0f}%", "", ""))
+    b5 = find("B5_Compaction")
+    if b5 is not None:
+        add("B5 compaction after deleting 90%: Database / raw C", f"{b5['database_per_raw']:.3f}x",
+            "<= 1.10x", b5["database_per_raw"] <= 1.10)
+        add("B5 longest single hold of the connection lock",
+            f"{b5['longest_hold_ms']:.1f} ms ({int(b5['pages_released'])} pages released in "
+            f"{b5['database_ms'] / 1000:.1f} s)", "<= 50 ms", b5["longest_hold_ms"] <= 50)
+
     for pool in (1, 0):
         entry = find(f"B3_ReadLatencyDuringWrite/pool:{pool}")
         if entry is None:

@@ -25,8 +25,8 @@ namespace quilma::storage {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::MatchesRegex;
 using testing::LogLine;
+using ::testing::MatchesRegex;
 
 constexpr auto INFO = spdlog::level::info;
 constexpr auto DEBUG = spdlog::level::debug;
@@ -226,12 +226,11 @@ TEST(CompactTest, ReleasesInStepsAndShrinksTheFile) {
   free_pages(db, 5000);
   const auto size_before = std::filesystem::file_size(dir / "index.db");
   EXPECT_EQ(db.compact(), released(5000));
-  EXPECT_LT(std::filesystem::file_size(dir / "index.db"), size_before - (5000 * 8192));
+  EXPECT_LT(std::filesystem::file_size(dir / "index.db"), size_before - std::uintmax_t{5000 * 8192});
   EXPECT_EQ(std::filesystem::file_size(dir.path() / "index.db-wal"), 0U);
   ASSERT_EQ(log.lines().size(), 1U);
-  EXPECT_THAT(log.lines()[0].text,
-              MatchesRegex("Compacted .*/index.db: 5000 free pages released "
-                           "\\([0-9]+ -> [0-9]+ MiB\\) in [0-9]+\\.[0-9]s"));
+  EXPECT_THAT(log.lines()[0].text, MatchesRegex("Compacted .*/index.db: 5000 free pages released "
+                                                "\\([0-9]+ -> [0-9]+ MiB\\) in [0-9]+\\.[0-9]s"));
 }
 
 TEST(CompactTest, RefusalsAreLoggedAtTheirLevelOnceThenAtDebug) {
@@ -245,9 +244,7 @@ TEST(CompactTest, RefusalsAreLoggedAtTheirLevelOnceThenAtDebug) {
   other.connect();
   {
     const runtime::EventLoopScope loop;
-    {
-      const runtime::EventLoopScope nested;
-    }
+    { const runtime::EventLoopScope nested; }
     EXPECT_TRUE(runtime::on_event_loop());
     std::thread([] { EXPECT_FALSE(runtime::on_event_loop()); }).join();
     EXPECT_EQ(db.compact(), skipped("called on the event loop: a pool thread compacts"));
@@ -255,21 +252,19 @@ TEST(CompactTest, RefusalsAreLoggedAtTheirLevelOnceThenAtDebug) {
     EXPECT_EQ(other.compact(), skipped("called on the event loop: a pool thread compacts"));
   }
   EXPECT_FALSE(runtime::on_event_loop());
-  db.transaction([&](sqlite::Cursor&) {
-    EXPECT_EQ(db.compact(), skipped("called inside a transaction"));
-  });
+  db.transaction(
+      [&](sqlite::Cursor&) { EXPECT_EQ(db.compact(), skipped("called inside a transaction")); });
   db.close();
   EXPECT_EQ(db.compact(), skipped("the database is closed"));
-  const std::string loop = "Compaction of " + path + " skipped: called on the event loop: a pool "
+  const std::string loop = "Compaction of " + path +
+                           " skipped: called on the event loop: a pool "
                            "thread compacts";
-  EXPECT_THAT(log.lines(),
-              ElementsAre(LogLine{INFO, "Compaction of " + path +
-                                            " skipped: the database is closed"},
-                          LogLine{INFO, loop}, LogLine{DEBUG, loop}, LogLine{INFO, loop},
-                          LogLine{INFO, "Compaction of " + path +
-                                            " skipped: called inside a transaction"},
-                          LogLine{DEBUG, "Compaction of " + path +
-                                             " skipped: the database is closed"}));
+  EXPECT_THAT(
+      log.lines(),
+      ElementsAre(LogLine{INFO, "Compaction of " + path + " skipped: the database is closed"},
+                  LogLine{INFO, loop}, LogLine{DEBUG, loop}, LogLine{INFO, loop},
+                  LogLine{INFO, "Compaction of " + path + " skipped: called inside a transaction"},
+                  LogLine{DEBUG, "Compaction of " + path + " skipped: the database is closed"}));
 }
 
 TEST(CompactTest, ThreadsRefusingAtOnceLogTheKindOnce) {
@@ -279,6 +274,7 @@ TEST(CompactTest, ThreadsRefusingAtOnceLogTheKindOnce) {
   constexpr int THREADS = 8;
   std::latch start(THREADS);
   std::vector<std::thread> threads;
+  threads.reserve(THREADS);
   for (int i = 0; i < THREADS; ++i) {
     threads.emplace_back([&] {
       const runtime::EventLoopScope loop;
@@ -296,9 +292,8 @@ class ConversionTest : public ::testing::Test {
   void SetUp() override {
     make_plain_file(path_);
     // Free space is the test's to decide, whatever the machine has.
-    previous_ = detail::replace_free_space_query([this](const std::filesystem::path&) {
-      return available_.load();
-    });
+    previous_ = detail::replace_free_space_query(
+        [this](const std::filesystem::path&) { return available_.load(); });
   }
   void TearDown() override { detail::replace_free_space_query(previous_); }
 
@@ -365,8 +360,7 @@ TEST_F(ConversionTest, AFailedRewriteIsReportedAndNotTriedAgain) {
   EXPECT_EQ(db.compact(), skipped("failed: database or disk is full"));
   vfs.heal();
   EXPECT_GT(vfs.faults(), 0);
-  EXPECT_EQ(db.compact(),
-            skipped("an earlier conversion failed or changed nothing: not retried"));
+  EXPECT_EQ(db.compact(), skipped("an earlier conversion failed or changed nothing: not retried"));
   EXPECT_EQ(mode_of(db), detail::AUTO_VACUUM_NONE);
   EXPECT_TRUE(db.check_integrity());
   const std::string prefix = "Compaction of " + path_.string() + " skipped: ";

@@ -18,9 +18,9 @@ namespace quilma::storage {
 namespace {
 
 using ::testing::ElementsAre;
+using testing::error_of;
 using ::testing::HasSubstr;
 using ::testing::Pair;
-using testing::error_of;
 
 // One small index: `tag` tells the rows of two builds apart, and ids start at `base`.
 void fill_index(sqlite::Cursor& cursor, const std::string& tag, std::int64_t base) {
@@ -33,9 +33,10 @@ void fill_index(sqlite::Cursor& cursor, const std::string& tag, std::int64_t bas
     cursor.execute("INSERT INTO symbols (id, file_id, name, kind, line) VALUES (" + id(10 + f) +
                        ", " + id(f) + ", ?, 'function', ?)",
                    {tag + "_fn", f});
-    cursor.execute("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
-                   "VALUES (?, ?, 1, 9, ?)",
-                   {core_schema::chunk_rowid(base + f, 0), "def " + tag + "_fn(): pass", tag});
+    cursor.execute(
+        "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
+        "VALUES (?, ?, 1, 9, ?)",
+        {core_schema::chunk_rowid(base + f, 0), "def " + tag + "_fn(): pass", tag});
   }
   cursor.execute("INSERT INTO edges (source_id, target_id, kind) VALUES (" + id(11) + ", " +
                  id(12) + ", 'calls')");
@@ -262,10 +263,10 @@ TEST_F(IndexContentsTest, SwapReplacesTheIndexWithTheStagingBuild) {
   const std::string staging_bytes = bytes_of(staging_);
   const std::int64_t generation = db_.index_generation();
   const testing::LogCapture log;
-  EXPECT_THAT(db_.swap_index_from(staging_),
-              ElementsAre(Pair("components", 1), Pair("files", 3), Pair("symbols", 3),
-                          Pair("edges", 1), Pair("external_imports", 1), Pair("index_errors", 1),
-                          Pair("code_chunks", 3)));
+  EXPECT_THAT(
+      db_.swap_index_from(staging_),
+      ElementsAre(Pair("components", 1), Pair("files", 3), Pair("symbols", 3), Pair("edges", 1),
+                  Pair("external_imports", 1), Pair("index_errors", 1), Pair("code_chunks", 3)));
   EXPECT_EQ(db_.index_generation(), generation + 1);
   EXPECT_EQ(bytes_of(staging_), staging_bytes);
   EXPECT_THAT(attached(db_), ElementsAre("main"));

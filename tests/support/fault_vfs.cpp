@@ -1,8 +1,8 @@
 #include "support/fault_vfs.h"
 
-#include <sqlite3.h>
-
 #include <stdexcept>
+
+#include <sqlite3.h>
 
 namespace quilma::testing {
 
@@ -83,10 +83,25 @@ FaultVfs& FaultVfs::of(sqlite3_vfs* vfs) { return *static_cast<FaultVfs*>(vfs->p
 int FaultVfs::open(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags,
                    int* out_flags) {
   static const sqlite3_io_methods methods = {
-      3,           file_close,       file_read,           &FaultVfs::write, file_truncate,
-      &FaultVfs::sync, file_size,    file_lock,           file_unlock,      file_check_reserved,
-      file_control, file_sector_size, file_device,        file_shm_map,     file_shm_lock,
-      file_shm_barrier, file_shm_unmap, file_fetch,       file_unfetch,
+      3,
+      file_close,
+      file_read,
+      &FaultVfs::write,
+      file_truncate,
+      &FaultVfs::sync,
+      file_size,
+      file_lock,
+      file_unlock,
+      file_check_reserved,
+      file_control,
+      file_sector_size,
+      file_device,
+      file_shm_map,
+      file_shm_lock,
+      file_shm_barrier,
+      file_shm_unmap,
+      file_fetch,
+      file_unfetch,
   };
   FaultVfs& self = of(vfs);
   auto* wrapper = File::of(file);

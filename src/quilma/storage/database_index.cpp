@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <string>
+#include <system_error>
 
 #include <sqlite3.h>
 
@@ -94,7 +95,8 @@ void Database::clear_all() {
 }
 
 Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
-  if (!std::filesystem::exists(staging_path)) {
+  // A path that cannot even be looked at counts as missing, as does a dangling link.
+  if (std::error_code unreadable; !std::filesystem::exists(staging_path, unreadable)) {
     throw FileNotFoundError("Staging database not found: " + staging_path.string());
   }
   Counts inserted;
@@ -131,8 +133,10 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
         delete_index_rows(cursor);
         for (std::size_t i = 0; i < INSERT_ORDER.size(); ++i) {
           const std::string table(INSERT_ORDER[i]);
-          cursor.execute("INSERT INTO " + table + " (" + columns[i] + ") SELECT " + columns[i] +
-                         " FROM stg." + table);
+          std::string sql = "INSERT INTO " + table;
+          sql.append(" (").append(columns[i]).append(") SELECT ").append(columns[i]);
+          sql.append(" FROM stg.").append(table);
+          cursor.execute(sql);
           counts.emplace_back(table, inserted_rows(cursor));
         }
         if (copy_chunks) {

@@ -248,15 +248,16 @@ void Database::vacuum(sqlite::Connection& connection) {
 
 Compaction Database::convert_to_incremental(const detail::Space& measured) {
   if (conversion_failed_.load(std::memory_order_acquire)) {
-    return skip_compaction("failed", "an earlier conversion failed or changed nothing: not retried");
+    return skip_compaction("failed",
+                           "an earlier conversion failed or changed nothing: not retried");
   }
   const std::int64_t used = (measured.pages - measured.free) * measured.page_size;
   if (used > COMPACT_CONVERT_MAX_BYTES) {
-    return skip_compaction(
-        "large", "too large to convert in place: " + std::to_string(used / detail::MIB) +
-                     " MiB of data, the limit is " +
-                     std::to_string(COMPACT_CONVERT_MAX_BYTES / detail::MIB) +
-                     " MiB; its free pages stay until the index file is rebuilt");
+    return skip_compaction("large",
+                           "too large to convert in place: " + std::to_string(used / detail::MIB) +
+                               " MiB of data, the limit is " +
+                               std::to_string(COMPACT_CONVERT_MAX_BYTES / detail::MIB) +
+                               " MiB; its free pages stay until the index file is rebuilt");
   }
   // The VACUUM holds the lock throughout; only read connections keep queries going meanwhile.
   if (readers_.load(std::memory_order_acquire) == nullptr) {
@@ -289,8 +290,9 @@ Compaction Database::convert_to_incremental(const detail::Space& measured) {
   }
   if (after.mode != detail::AUTO_VACUUM_INCREMENTAL) {
     conversion_failed_.store(true, std::memory_order_release);
-    return skip_compaction("failed", "the file was rewritten but is not in incremental "
-                                     "auto-vacuum mode");
+    return skip_compaction("failed",
+                           "the file was rewritten but is not in incremental "
+                           "auto-vacuum mode");
   }
   const std::int64_t released = measured.pages - after.pages;
   detail::log(*database_logger(), spdlog::level::info,
