@@ -226,7 +226,8 @@ TEST(CompactTest, ReleasesInStepsAndShrinksTheFile) {
   free_pages(db, 5000);
   const auto size_before = std::filesystem::file_size(dir / "index.db");
   EXPECT_EQ(db.compact(), released(5000));
-  EXPECT_LT(std::filesystem::file_size(dir / "index.db"), size_before - std::uintmax_t{5000 * 8192});
+  EXPECT_LT(std::filesystem::file_size(dir / "index.db"),
+            size_before - (std::uintmax_t{5000} * 8192));
   EXPECT_EQ(std::filesystem::file_size(dir.path() / "index.db-wal"), 0U);
   ASSERT_EQ(log.lines().size(), 1U);
   EXPECT_THAT(log.lines()[0].text, MatchesRegex("Compacted .*/index.db: 5000 free pages released "
