@@ -9,7 +9,12 @@ namespace quilma::storage {
 void ConnectionLock::lock() {
   if (mutex_.try_lock()) return;
   waiting_.fetch_add(1, std::memory_order_acq_rel);
-  mutex_.lock();
+  try {
+    mutex_.lock();
+  } catch (...) {  // std::system_error: the count must not claim a waiter that gave up
+    waiting_.fetch_sub(1, std::memory_order_acq_rel);
+    throw;
+  }
   waiting_.fetch_sub(1, std::memory_order_acq_rel);
   handoffs_.fetch_add(1, std::memory_order_acq_rel);
 }

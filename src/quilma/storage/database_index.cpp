@@ -95,8 +95,16 @@ void Database::clear_all() {
 }
 
 Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
-  // A path that cannot even be looked at counts as missing, as does a dangling link.
-  if (std::error_code unreadable; !std::filesystem::exists(staging_path, unreadable)) {
+  // Missing, as a dangling link or a path through a file is; any other failure to look is the
+  // operating system's error.
+  std::error_code failure;
+  if (!std::filesystem::exists(staging_path, failure)) {
+    if (failure && failure != std::errc::no_such_file_or_directory &&
+        failure != std::errc::not_a_directory &&
+        failure != std::errc::too_many_symbolic_link_levels) {
+      throw std::filesystem::filesystem_error("cannot look at the staging database", staging_path,
+                                              failure);
+    }
     throw FileNotFoundError("Staging database not found: " + staging_path.string());
   }
   Counts inserted;

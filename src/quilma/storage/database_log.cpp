@@ -4,10 +4,10 @@
 
 namespace quilma::storage {
 
+// Looked up at each use, so that a logger the application registers in its place (after
+// dropping this one from spdlog's registry) is the one written to.
 std::shared_ptr<spdlog::logger> database_logger() {
-  static const std::shared_ptr<spdlog::logger> logger =
-      detail::module_logger("quilma.storage.database");
-  return logger;
+  return detail::module_logger("quilma.storage.database");
 }
 
 }  // namespace quilma::storage

@@ -19,10 +19,10 @@ namespace quilma::storage::migrations {
 
 namespace {
 
-spdlog::logger& logger() {
-  static const std::shared_ptr<spdlog::logger> instance =
-      storage::detail::module_logger("quilma.storage.migrations");
-  return *instance;
+// Looked up at each use, so that a logger the application registers in its place is the
+// one written to.
+std::shared_ptr<spdlog::logger> logger() {
+  return storage::detail::module_logger("quilma.storage.migrations");
 }
 
 bool has_column(sqlite::Cursor& cursor, std::string_view table, std::string_view column) {
@@ -124,7 +124,7 @@ std::string migrate(const Transaction& transaction, std::string_view version) {
       const std::string message =
           fmt::format("Schema migration from {} to {} failed: {}", reached, step.version,
                       storage::detail::describe_current_error());
-      storage::detail::log(logger(), spdlog::level::warn, "%s", message);
+      storage::detail::log(*logger(), spdlog::level::warn, "%s", message);
       std::throw_with_nested(SchemaMigrationError(message));
     }
     reached = step.version;

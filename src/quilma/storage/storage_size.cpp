@@ -11,10 +11,10 @@ namespace quilma::storage::storage_size {
 
 namespace {
 
-spdlog::logger& logger() {
-  static const std::shared_ptr<spdlog::logger> instance =
-      detail::module_logger("quilma.storage.storage_size");
-  return *instance;
+// Looked up at each use, so that a logger the application registers in its place is the
+// one written to.
+std::shared_ptr<spdlog::logger> logger() {
+  return detail::module_logger("quilma.storage.storage_size");
 }
 
 // Sets the journal mode and returns the one the file ended up in, in lower case.
@@ -28,7 +28,7 @@ void rewrite_pages(sqlite::Connection& connection, const std::filesystem::path& 
                    const std::optional<std::string>& why_not) {
   const std::string path = db_path.string();
   if (why_not) {
-    detail::log(logger(), spdlog::level::warn, "Not rewriting %s with %d-byte pages: %s", path,
+    detail::log(*logger(), spdlog::level::warn, "Not rewriting %s with %d-byte pages: %s", path,
                 PAGE_SIZE, *why_not);
     return;
   }
@@ -38,14 +38,14 @@ void rewrite_pages(sqlite::Connection& connection, const std::filesystem::path& 
     mode = set_journal_mode(cursor, "PRAGMA journal_mode=DELETE");
   } catch (const sqlite::OperationalError& error) {
     // SQLite refuses ("database is locked") while any other connection has the file open.
-    detail::log(logger(), spdlog::level::warn,
+    detail::log(*logger(), spdlog::level::warn,
                 "Not rewriting %s with %d-byte pages: cannot leave WAL mode (%s); another "
                 "connection has the file open",
                 path, PAGE_SIZE, error.what());
     return;
   }
   if (mode != "delete") {
-    detail::log(logger(), spdlog::level::warn,
+    detail::log(*logger(), spdlog::level::warn,
                 "Not rewriting %s with %d-byte pages: its journal stays in %s mode", path,
                 PAGE_SIZE, mode);
     return;
@@ -56,9 +56,9 @@ void rewrite_pages(sqlite::Connection& connection, const std::filesystem::path& 
     // A VACUUM copies the file through its journal, so a failure leaves it as it was. It
     // also applies the auto-vacuum mode that connect() requested.
     cursor.execute("VACUUM");
-    detail::log(logger(), spdlog::level::info, "Rewrote %s with %d-byte pages", path, PAGE_SIZE);
+    detail::log(*logger(), spdlog::level::info, "Rewrote %s with %d-byte pages", path, PAGE_SIZE);
   } catch (const sqlite::OperationalError& error) {
-    detail::log(logger(), spdlog::level::warn, "Could not rewrite %s with %d-byte pages: %s", path,
+    detail::log(*logger(), spdlog::level::warn, "Could not rewrite %s with %d-byte pages: %s", path,
                 PAGE_SIZE, error.what());
   } catch (...) {  // raised once the journal is back in WAL mode where it can be
     failure = std::current_exception();
@@ -71,7 +71,7 @@ void rewrite_pages(sqlite::Connection& connection, const std::filesystem::path& 
     mode.clear();
   }
   if (mode != "wal") {
-    detail::log(logger(), spdlog::level::warn,
+    detail::log(*logger(), spdlog::level::warn,
                 "%s stays in rollback journal mode%s; its queries share the writer connection "
                 "until it is opened again",
                 path, why);
