@@ -19,89 +19,65 @@ namespace {
 
 using File = FaultVfs::File;
 
-const sqlite3_io_methods* real_methods(sqlite3_file* file) { return File::real_of(file)->pMethods; }
+// Forwards a method of a file or of the VFS to the real VFS's, with the same arguments.
+template <auto Method>
+struct ToRealFile;
+template <class R, class... Args, R (*sqlite3_io_methods::*Method)(sqlite3_file*, Args...)>
+struct ToRealFile<Method> {
+  static R call(sqlite3_file* file, Args... args) {
+    sqlite3_file* real = File::real_of(file);
+    return (real->pMethods->*Method)(real, args...);
+  }
+};
 
-int file_close(sqlite3_file* file) { return real_methods(file)->xClose(File::real_of(file)); }
-int file_read(sqlite3_file* file, void* data, int amount, sqlite3_int64 offset) {
-  return real_methods(file)->xRead(File::real_of(file), data, amount, offset);
-}
-int file_truncate(sqlite3_file* file, sqlite3_int64 size) {
-  return real_methods(file)->xTruncate(File::real_of(file), size);
-}
-int file_size(sqlite3_file* file, sqlite3_int64* size) {
-  return real_methods(file)->xFileSize(File::real_of(file), size);
-}
-int file_lock(sqlite3_file* file, int level) {
-  return real_methods(file)->xLock(File::real_of(file), level);
-}
-int file_unlock(sqlite3_file* file, int level) {
-  return real_methods(file)->xUnlock(File::real_of(file), level);
-}
-int file_check_reserved(sqlite3_file* file, int* out) {
-  return real_methods(file)->xCheckReservedLock(File::real_of(file), out);
-}
-int file_control(sqlite3_file* file, int op, void* arg) {
-  return real_methods(file)->xFileControl(File::real_of(file), op, arg);
-}
-int file_sector_size(sqlite3_file* file) {
-  return real_methods(file)->xSectorSize(File::real_of(file));
-}
-int file_device(sqlite3_file* file) {
-  return real_methods(file)->xDeviceCharacteristics(File::real_of(file));
-}
-int file_shm_map(sqlite3_file* file, int page, int size, int extend, void volatile** out) {
-  return real_methods(file)->xShmMap(File::real_of(file), page, size, extend, out);
-}
-int file_shm_lock(sqlite3_file* file, int offset, int n, int flags) {
-  return real_methods(file)->xShmLock(File::real_of(file), offset, n, flags);
-}
-void file_shm_barrier(sqlite3_file* file) { real_methods(file)->xShmBarrier(File::real_of(file)); }
-int file_shm_unmap(sqlite3_file* file, int remove) {
-  return real_methods(file)->xShmUnmap(File::real_of(file), remove);
-}
-int file_fetch(sqlite3_file* file, sqlite3_int64 offset, int amount, void** out) {
-  return real_methods(file)->xFetch(File::real_of(file), offset, amount, out);
-}
-int file_unfetch(sqlite3_file* file, sqlite3_int64 offset, void* page) {
-  return real_methods(file)->xUnfetch(File::real_of(file), offset, page);
-}
+template <auto Method>
+struct ToRealVfs;
+template <class R, class... Args, R (*sqlite3_vfs::*Method)(sqlite3_vfs*, Args...)>
+struct ToRealVfs<Method> {
+  static R call(sqlite3_vfs* vfs, Args... args) {
+    sqlite3_vfs* real = FaultVfs::real_of(vfs);
+    return (real->*Method)(real, args...);
+  }
+};
 
 }  // namespace
 
 int FaultVfs::write(sqlite3_file* file, const void* data, int amount, long long offset) {
   if (!File::of(file)->owner->allow_write(amount)) return SQLITE_FULL;
-  return real_methods(file)->xWrite(File::real_of(file), data, amount, offset);
+  return ToRealFile<&sqlite3_io_methods::xWrite>::call(file, data, amount, offset);
 }
 
 int FaultVfs::sync(sqlite3_file* file, int flags) {
   if (!File::of(file)->owner->allow_sync()) return SQLITE_IOERR_FSYNC;
-  return real_methods(file)->xSync(File::real_of(file), flags);
+  return ToRealFile<&sqlite3_io_methods::xSync>::call(file, flags);
 }
 
 FaultVfs& FaultVfs::of(sqlite3_vfs* vfs) { return *static_cast<FaultVfs*>(vfs->pAppData); }
 
+sqlite3_vfs* FaultVfs::real_of(sqlite3_vfs* vfs) { return of(vfs).real_; }
+
 int FaultVfs::open(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags,
                    int* out_flags) {
   static const sqlite3_io_methods methods = {
-      3,
-      file_close,
-      file_read,
-      &FaultVfs::write,
-      file_truncate,
-      &FaultVfs::sync,
-      file_size,
-      file_lock,
-      file_unlock,
-      file_check_reserved,
-      file_control,
-      file_sector_size,
-      file_device,
-      file_shm_map,
-      file_shm_lock,
-      file_shm_barrier,
-      file_shm_unmap,
-      file_fetch,
-      file_unfetch,
+      .iVersion = 3,
+      .xClose = &ToRealFile<&sqlite3_io_methods::xClose>::call,
+      .xRead = &ToRealFile<&sqlite3_io_methods::xRead>::call,
+      .xWrite = &FaultVfs::write,
+      .xTruncate = &ToRealFile<&sqlite3_io_methods::xTruncate>::call,
+      .xSync = &FaultVfs::sync,
+      .xFileSize = &ToRealFile<&sqlite3_io_methods::xFileSize>::call,
+      .xLock = &ToRealFile<&sqlite3_io_methods::xLock>::call,
+      .xUnlock = &ToRealFile<&sqlite3_io_methods::xUnlock>::call,
+      .xCheckReservedLock = &ToRealFile<&sqlite3_io_methods::xCheckReservedLock>::call,
+      .xFileControl = &ToRealFile<&sqlite3_io_methods::xFileControl>::call,
+      .xSectorSize = &ToRealFile<&sqlite3_io_methods::xSectorSize>::call,
+      .xDeviceCharacteristics = &ToRealFile<&sqlite3_io_methods::xDeviceCharacteristics>::call,
+      .xShmMap = &ToRealFile<&sqlite3_io_methods::xShmMap>::call,
+      .xShmLock = &ToRealFile<&sqlite3_io_methods::xShmLock>::call,
+      .xShmBarrier = &ToRealFile<&sqlite3_io_methods::xShmBarrier>::call,
+      .xShmUnmap = &ToRealFile<&sqlite3_io_methods::xShmUnmap>::call,
+      .xFetch = &ToRealFile<&sqlite3_io_methods::xFetch>::call,
+      .xUnfetch = &ToRealFile<&sqlite3_io_methods::xUnfetch>::call,
   };
   FaultVfs& self = of(vfs);
   auto* wrapper = File::of(file);
@@ -122,30 +98,14 @@ FaultVfs::FaultVfs() : vfs_(std::make_unique<sqlite3_vfs>()), real_(sqlite3_vfs_
   vfs_->zName = NAME;
   vfs_->pAppData = this;
   vfs_->xOpen = &FaultVfs::open;
-  vfs_->xDelete = [](sqlite3_vfs* vfs, const char* name, int sync_dir) {
-    return of(vfs).real_->xDelete(of(vfs).real_, name, sync_dir);
-  };
-  vfs_->xAccess = [](sqlite3_vfs* vfs, const char* name, int flags, int* out) {
-    return of(vfs).real_->xAccess(of(vfs).real_, name, flags, out);
-  };
-  vfs_->xFullPathname = [](sqlite3_vfs* vfs, const char* name, int size, char* out) {
-    return of(vfs).real_->xFullPathname(of(vfs).real_, name, size, out);
-  };
-  vfs_->xRandomness = [](sqlite3_vfs* vfs, int size, char* out) {
-    return of(vfs).real_->xRandomness(of(vfs).real_, size, out);
-  };
-  vfs_->xSleep = [](sqlite3_vfs* vfs, int micros) {
-    return of(vfs).real_->xSleep(of(vfs).real_, micros);
-  };
-  vfs_->xCurrentTime = [](sqlite3_vfs* vfs, double* out) {
-    return of(vfs).real_->xCurrentTime(of(vfs).real_, out);
-  };
-  vfs_->xGetLastError = [](sqlite3_vfs* vfs, int size, char* out) {
-    return of(vfs).real_->xGetLastError(of(vfs).real_, size, out);
-  };
-  vfs_->xCurrentTimeInt64 = [](sqlite3_vfs* vfs, sqlite3_int64* out) {
-    return of(vfs).real_->xCurrentTimeInt64(of(vfs).real_, out);
-  };
+  vfs_->xDelete = &ToRealVfs<&sqlite3_vfs::xDelete>::call;
+  vfs_->xAccess = &ToRealVfs<&sqlite3_vfs::xAccess>::call;
+  vfs_->xFullPathname = &ToRealVfs<&sqlite3_vfs::xFullPathname>::call;
+  vfs_->xRandomness = &ToRealVfs<&sqlite3_vfs::xRandomness>::call;
+  vfs_->xSleep = &ToRealVfs<&sqlite3_vfs::xSleep>::call;
+  vfs_->xCurrentTime = &ToRealVfs<&sqlite3_vfs::xCurrentTime>::call;
+  vfs_->xGetLastError = &ToRealVfs<&sqlite3_vfs::xGetLastError>::call;
+  vfs_->xCurrentTimeInt64 = &ToRealVfs<&sqlite3_vfs::xCurrentTimeInt64>::call;
   // No extensions are loaded, and the system-call overrides belong to the real VFS.
   vfs_->xDlOpen = nullptr;
   vfs_->xDlError = nullptr;
