@@ -90,4 +90,23 @@ sqlite3* open_raw(const std::filesystem::path& path, bool read_only) {
   return db;
 }
 
+sqlite3* open_writer(const std::filesystem::path& path) {
+  sqlite3* db = open_raw(path, false);
+  for (const char* pragma :
+       {"PRAGMA page_size=8192", "PRAGMA auto_vacuum=INCREMENTAL", "PRAGMA journal_mode=WAL",
+        "PRAGMA foreign_keys=ON", "PRAGMA synchronous=NORMAL"}) {
+    exec(db, pragma);
+  }
+  return db;
+}
+
+void exec(sqlite3* db, const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    const std::string text = message != nullptr ? message : sqlite3_errmsg(db);
+    sqlite3_free(message);
+    throw std::runtime_error(std::string(sql) + ": " + text);
+  }
+}
+
 }  // namespace quilma::bench

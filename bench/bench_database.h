@@ -38,5 +38,12 @@ const std::vector<std::string>& rotation_queries();
 
 // Opens the raw C connection that the comparisons use, with the flags the binding uses.
 sqlite3* open_raw(const std::filesystem::path& path, bool read_only);
+// A read-write raw connection with the pragmas that Database::connect() runs, in its order.
+sqlite3* open_writer(const std::filesystem::path& path);
+
+// Runs `sql` on the raw connection to its end; std::runtime_error with the SQL and SQLite's
+// message when it fails.
+void exec(sqlite3* db, const char* sql);
+inline void exec(sqlite3* db, const std::string& sql) { exec(db, sql.c_str()); }
 
 }  // namespace quilma::bench

@@ -66,12 +66,6 @@ class OpenEnvironment {
   sqlite3* holder_ = nullptr;
 };
 
-void exec(sqlite3* db, const char* sql) {
-  if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-    throw std::runtime_error(sqlite3_errmsg(db));
-  }
-}
-
 class DatabaseOpen {
  public:
   void run() {
@@ -98,12 +92,7 @@ class RawOpen {
   explicit RawOpen(bool reads) : reads_(reads) {}
 
   void run() {
-    sqlite3* db = open_raw(path_, false);
-    exec(db, "PRAGMA page_size=8192");
-    exec(db, "PRAGMA auto_vacuum=INCREMENTAL");
-    exec(db, "PRAGMA journal_mode=WAL");
-    exec(db, "PRAGMA foreign_keys=ON");
-    exec(db, "PRAGMA synchronous=NORMAL");
+    sqlite3* db = open_writer(path_);
     if (reads_) {
       exec(db, "BEGIN");
       exec(db, "SELECT name FROM sqlite_schema WHERE type = 'table'");

@@ -32,15 +32,6 @@ double ms_since(Clock::time_point started) {
   return std::chrono::duration<double, std::milli>(Clock::now() - started).count();
 }
 
-void exec(sqlite3* db, const std::string& sql) {
-  char* message = nullptr;
-  if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
-    const std::string text = message != nullptr ? message : sqlite3_errmsg(db);
-    sqlite3_free(message);
-    throw std::runtime_error(sql + ": " + text);
-  }
-}
-
 // A prepared statement for the raw side, stepped to its end.
 class Raw {
  public:
@@ -183,17 +174,6 @@ void remove_file(const std::filesystem::path& path) {
 void replace_file(const std::filesystem::path& from, const std::filesystem::path& to) {
   remove_file(to);
   std::filesystem::copy_file(from, to);
-}
-
-// Opens a file with the pragmas of the storage layer's writer.
-sqlite3* open_writer(const std::filesystem::path& path) {
-  sqlite3* db = open_raw(path, false);
-  for (const char* pragma :
-       {"PRAGMA page_size=8192", "PRAGMA auto_vacuum=INCREMENTAL", "PRAGMA journal_mode=WAL",
-        "PRAGMA foreign_keys=ON", "PRAGMA synchronous=NORMAL"}) {
-    exec(db, pragma);
-  }
-  return db;
 }
 
 // The files of the runs, built once per benchmark directory: the staging index, and the same
