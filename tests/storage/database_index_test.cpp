@@ -187,6 +187,29 @@ class IndexContentsTest : public DatabaseIndexTest {
     return (*db_.fetchone("SELECT COUNT(*) FROM " + table))[0].as_int();
   }
 
+  // Runs `operation` with the disk filling after 0 bytes, then `step` more each time, until
+  // it succeeds. After every failure the live index must be as it was, whole, and with nothing
+  // attached. Returns how many times it failed.
+  int fill_the_disk_during(testing::FaultVfs& vfs, std::int64_t step,
+                           const std::function<void()>& operation) {
+    const std::string before = snapshot(db_);
+    for (int failures = 0;; ++failures) {
+      vfs.fail_writes_after(failures * step);
+      try {
+        operation();
+        vfs.heal();
+        return failures;
+      } catch (const sqlite::OperationalError& error) {
+        vfs.heal();
+        EXPECT_THAT(error.what(), HasSubstr("database or disk is full"));
+        EXPECT_EQ(snapshot(db_), before) << "after " << failures * step << " bytes";
+        EXPECT_TRUE(db_.check_integrity());
+        EXPECT_THAT(attached(db_), ElementsAre("main"));
+        if (HasFailure()) return failures;
+      }
+    }
+  }
+
   std::filesystem::path staging_ = dir_ / "staging.db";
 };
 
@@ -237,23 +260,7 @@ TEST_F(IndexContentsTest, ClearAllSurvivesTheDiskFillingAtAnyPoint) {
   db_.close();
   testing::FaultVfs vfs;
   open_fully(db_);
-  const std::string before = snapshot(db_);
-  int failures = 0;
-  for (std::int64_t budget = 0;; budget += 2048) {
-    vfs.fail_writes_after(budget);
-    try {
-      db_.clear_all();
-      break;
-    } catch (const sqlite::OperationalError& error) {
-      vfs.heal();
-      ++failures;
-      ASSERT_THAT(error.what(), HasSubstr("database or disk is full"));
-      ASSERT_EQ(snapshot(db_), before) << "budget " << budget;
-      ASSERT_TRUE(db_.check_integrity());
-    }
-  }
-  vfs.heal();
-  EXPECT_GT(failures, 0);
+  EXPECT_GT(fill_the_disk_during(vfs, 2048, [&] { db_.clear_all(); }), 0);
   EXPECT_EQ(rows("files"), 0);
   db_.close();
 }
@@ -353,24 +360,7 @@ TEST_F(IndexContentsTest, SwapSurvivesTheDiskFillingAtAnyPoint) {
   open_fully(db_);
   build_staging(staging_);
   const std::string staging_bytes = bytes_of(staging_);
-  const std::string before = snapshot(db_);
-  int failures = 0;
-  for (std::int64_t budget = 0;; budget += 4096) {
-    vfs.fail_writes_after(budget);
-    try {
-      db_.swap_index_from(staging_);
-      break;
-    } catch (const sqlite::OperationalError& error) {
-      vfs.heal();
-      ++failures;
-      ASSERT_THAT(error.what(), HasSubstr("database or disk is full"));
-      ASSERT_EQ(snapshot(db_), before) << "budget " << budget;
-      ASSERT_TRUE(db_.check_integrity());
-      ASSERT_THAT(attached(db_), ElementsAre("main"));
-    }
-  }
-  vfs.heal();
-  EXPECT_GT(failures, 0);
+  EXPECT_GT(fill_the_disk_during(vfs, 4096, [&] { db_.swap_index_from(staging_); }), 0);
   EXPECT_EQ(rows("files WHERE path = 'new1.py'"), 1);
   EXPECT_EQ(bytes_of(staging_), staging_bytes);
   db_.close();
