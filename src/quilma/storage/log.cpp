@@ -11,42 +11,15 @@
 #include <cxxabi.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
+#include "quilma/utils/utf8.h"
+
 namespace quilma::storage::detail {
 
 namespace {
 
-// The length of the UTF-8 sequence that starts `text` at `at`, with its code point in `code`;
-// 0 when no well-formed sequence starts there.
-std::size_t decode_utf8(std::string_view text, std::size_t at, std::uint32_t& code) {
-  const auto lead = static_cast<unsigned char>(text[at]);
-  std::size_t length = 0;
-  std::uint32_t minimum = 0;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-    minimum = 0x80;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    minimum = 0x800;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    minimum = 0x10000;
-  } else {
-    return 0;
-  }
-  if (at + length > text.size()) return 0;
-  code = lead & (0x7FU >> length);
-  for (std::size_t i = 1; i < length; ++i) {
-    const auto next = static_cast<unsigned char>(text[at + i]);
-    if ((next & 0xC0) != 0x80) return 0;
-    code = (code << 6) | (next & 0x3FU);
-  }
-  if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return 0;
-  return length;
-}
-
 // Characters outside ASCII that a log line shows escaped: controls, separators, invisible
 // formatting characters and private-use characters, which would break or hide text.
-bool is_printable(std::uint32_t code) {
+bool is_printable(char32_t code) {
   return !(code <= 0xA0 || code == 0xAD || (code >= 0x2000 && code <= 0x200F) ||
            (code >= 0x2028 && code <= 0x202F) || (code >= 0x205F && code <= 0x206F) ||
            code == 0x3000 || (code >= 0xE000 && code <= 0xF8FF) || code == 0xFEFF ||
@@ -55,13 +28,14 @@ bool is_printable(std::uint32_t code) {
 
 }  // namespace
 
-std::shared_ptr<spdlog::logger> module_logger(const std::string& name) {
+std::shared_ptr<spdlog::logger> module_logger(std::string_view name) {
   static std::mutex creating;
   const std::lock_guard hold(creating);
-  if (std::shared_ptr<spdlog::logger> existing = spdlog::get(name)) return existing;
+  const std::string key(name);
+  if (std::shared_ptr<spdlog::logger> existing = spdlog::get(key)) return existing;
   auto to_stderr = std::make_shared<spdlog::sinks::stderr_sink_mt>();
   to_stderr->set_level(spdlog::level::warn);
-  auto created = std::make_shared<spdlog::logger>(name, std::move(to_stderr));
+  auto created = std::make_shared<spdlog::logger>(key, std::move(to_stderr));
   created->set_level(spdlog::level::info);
   spdlog::register_logger(created);
   return created;
@@ -91,18 +65,18 @@ std::string repr(std::optional<std::string_view> text) {
     } else if (byte >= 0x20 && byte < 0x7F) {
       out += c;
     } else if (byte >= 0x80) {
-      std::uint32_t code = 0;
-      const std::size_t length = decode_utf8(*text, i, code);
+      char32_t code = 0;
+      const std::size_t length = utils::decode_utf8(*text, i, code);
       if (length == 0) {
         out += fmt::format("\\x{:02x}", byte);  // not UTF-8: the byte itself
       } else if (is_printable(code)) {
         out.append(*text, i, length);
       } else if (code <= 0xFF) {
-        out += fmt::format("\\x{:02x}", code);
+        out += fmt::format("\\x{:02x}", static_cast<std::uint32_t>(code));
       } else if (code <= 0xFFFF) {
-        out += fmt::format("\\u{:04x}", code);
+        out += fmt::format("\\u{:04x}", static_cast<std::uint32_t>(code));
       } else {
-        out += fmt::format("\\U{:08x}", code);
+        out += fmt::format("\\U{:08x}", static_cast<std::uint32_t>(code));
       }
       i += std::max<std::size_t>(length, 1);
       continue;

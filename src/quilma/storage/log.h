@@ -2,6 +2,7 @@
 // texts are printf-style formats, rendered only when their level is enabled.
 #pragma once
 
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,10 +15,16 @@
 
 namespace quilma::storage::detail {
 
+// The names that the modules' loggers are registered under.
+inline constexpr std::string_view DATABASE_LOGGER = "quilma.storage.database";
+inline constexpr std::string_view MIGRATIONS_LOGGER = "quilma.storage.migrations";
+inline constexpr std::string_view STORAGE_SIZE_LOGGER = "quilma.storage.storage_size";
+inline constexpr std::array MODULE_LOGGERS{DATABASE_LOGGER, MIGRATIONS_LOGGER, STORAGE_SIZE_LOGGER};
+
 // The logger registered under `name` in spdlog's registry, created on first use. A logger
 // created here writes warnings to stderr and nothing below them, until the application
 // attaches sinks of its own or changes the levels.
-std::shared_ptr<spdlog::logger> module_logger(const std::string& name);
+std::shared_ptr<spdlog::logger> module_logger(std::string_view name);
 
 // A debug representation of `text`: in quotes, with backslashes, quotes, control characters
 // and bytes that are not UTF-8 escaped; std::nullopt (a stored NULL) renders as NULL.

@@ -22,7 +22,7 @@ namespace {
 // Looked up at each use, so that a logger the application registers in its place is the
 // one written to.
 std::shared_ptr<spdlog::logger> logger() {
-  return storage::detail::module_logger("quilma.storage.migrations");
+  return storage::detail::module_logger(storage::detail::MIGRATIONS_LOGGER);
 }
 
 bool has_column(sqlite::Cursor& cursor, std::string_view table, std::string_view column) {

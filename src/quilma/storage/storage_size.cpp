@@ -14,7 +14,7 @@ namespace {
 // Looked up at each use, so that a logger the application registers in its place is the
 // one written to.
 std::shared_ptr<spdlog::logger> logger() {
-  return detail::module_logger("quilma.storage.storage_size");
+  return detail::module_logger(detail::STORAGE_SIZE_LOGGER);
 }
 
 // Sets the journal mode and returns the one the file ended up in, in lower case.
