@@ -1,0 +1,431 @@
+// The command line: parsing with CLI11, one function per command, text or JSON output, and
+// the mapping of failures to exit statuses.
+#include "quilma/cli/app.h"
+
+#include <CLI/CLI.hpp>
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+#include <spdlog/sinks/ostream_sink.h>
+
+#include "quilma/cli/indexer.h"
+#include "quilma/cli/progress.h"
+#include "quilma/cli/search.h"
+#include "quilma/storage/database.h"
+#include "quilma/storage/log.h"
+
+namespace quilma::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+constexpr std::string_view DEFAULT_DATABASE = "memory/codebase-index/index.db";
+
+// What the user asked for is wrong in a way that parsing could not see: exit status 2.
+class UsageError : public std::invalid_argument {
+ public:
+  using std::invalid_argument::invalid_argument;
+};
+
+struct Options {
+  std::string repo = ".";
+  std::string db;
+  int verbose = 0;
+  bool quiet = false;
+  bool json = false;
+  std::string color = "auto";
+  std::string query;
+  std::int64_t limit = 20;
+  std::string staging;
+  std::vector<std::string> stamps;
+};
+
+// Sends the storage layer's log lines to `err` at `level` for the life of the object, in place
+// of the sinks its loggers had; puts those back afterwards.
+class StorageLogs {
+ public:
+  StorageLogs(std::ostream& err, spdlog::level::level_enum level) {
+    auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(err, /*force_flush=*/true);
+    sink->set_pattern(level <= spdlog::level::info ? "[%T.%e] %l %n: %v" : "quilma-db: %l: %v");
+    for (const std::string_view name : storage::detail::MODULE_LOGGERS) {
+      std::shared_ptr<spdlog::logger> logger = storage::detail::module_logger(name);
+      saved_.push_back({logger, logger->sinks(), logger->level()});
+      logger->sinks() = {sink};
+      logger->set_level(level);
+    }
+  }
+  ~StorageLogs() {
+    for (Saved& saved : saved_) {
+      saved.logger->sinks() = std::move(saved.sinks);
+      saved.logger->set_level(saved.level);
+    }
+  }
+  StorageLogs(const StorageLogs&) = delete;
+  StorageLogs& operator=(const StorageLogs&) = delete;
+
+ private:
+  struct Saved {
+    std::shared_ptr<spdlog::logger> logger;
+    std::vector<spdlog::sink_ptr> sinks;
+    spdlog::level::level_enum level;
+  };
+  std::vector<Saved> saved_;
+};
+
+// One command's run: its options, its streams, and what every command needs.
+class Command {
+ public:
+  Command(const Options& options, const Io& io) : options_(options), io_(io) {}
+
+  int index();
+  int search();
+  int stats();
+  int errors();
+  int check();
+  int compact();
+  int generation();
+  int clear();
+  int swap();
+  int stamp();
+
+ private:
+  fs::path repo() const { return fs::absolute(options_.repo).lexically_normal(); }
+  fs::path database() const {
+    return options_.db.empty() ? repo() / DEFAULT_DATABASE
+                               : fs::absolute(options_.db).lexically_normal();
+  }
+  // Opens the database of an index that must already exist.
+  void open_existing(storage::Database& db) const {
+    if (!fs::exists(db.db_path())) {
+      throw std::runtime_error("no index at " + db.db_path().string() +
+                               "; run 'quilma-db index' first");
+    }
+    open_database(db);
+  }
+  int print(const json& value) const {
+    io_.out << value.dump(2) << '\n';
+    return 0;
+  }
+  template <class... Args>
+  int print(fmt::format_string<Args...> format, Args&&... args) const {
+    fmt::print(io_.out, format, std::forward<Args>(args)...);
+    io_.out << '\n';
+    return 0;
+  }
+  bool colour() const {
+    if (options_.color != "auto") return options_.color == "always";
+    return io_.out_is_terminal && std::getenv("NO_COLOR") == nullptr;
+  }
+
+  const Options& options_;
+  const Io& io_;
+};
+
+json counts_json(const storage::Counts& counts) {
+  json object = json::object();
+  for (const auto& [name, count] : counts) object[name] = count;
+  return object;
+}
+
+std::string counts_text(const storage::Counts& counts) {
+  std::string text;
+  for (const auto& [name, count] : counts) {
+    text += fmt::format("{}{} {}", text.empty() ? "" : ", ", name, count);
+  }
+  return text;
+}
+
+int Command::index() {
+  const fs::path root = repo();
+  if (!fs::is_directory(root)) throw std::runtime_error("not a directory: " + root.string());
+  const Progress::Mode mode = options_.quiet        ? Progress::Mode::Quiet
+                              : io_.err_is_terminal ? Progress::Mode::Terminal
+                                                    : Progress::Mode::Lines;
+  Progress progress(io_.err, mode);
+  const IndexReport report = index_repository({root, database(), io_.stop}, progress);
+  const double mib = static_cast<double>(report.bytes) / 1048576.0;
+  const double seconds = report.total_seconds > 0 ? report.total_seconds : 1e-9;
+  if (options_.json) {
+    return print(json{{"repository", root.string()},
+                      {"database", database().string()},
+                      {"listed_by", report.from_git ? "git" : "walk"},
+                      {"files", report.files},
+                      {"errors", report.errors},
+                      {"bytes", report.bytes},
+                      {"generation", report.generation},
+                      {"seconds",
+                       {{"list", report.list_seconds},
+                        {"build", report.build_seconds},
+                        {"swap", report.swap_seconds},
+                        {"total", report.total_seconds}}}});
+  }
+  return print(
+      "indexed {} files ({:.1f} MiB) in {:.1f} s: {:.0f} files/s, {:.1f} MiB/s; "
+      "{} not indexed (see 'quilma-db errors'); generation {}",
+      report.files, mib, report.total_seconds,
+      static_cast<double>(report.files + report.errors) / seconds, mib / seconds, report.errors,
+      report.generation);
+}
+
+int Command::search() {
+  storage::Database db(database());
+  open_existing(db);
+  const std::vector<SearchHit> hits = cli::search(db, options_.query, options_.limit);
+  if (options_.json) {
+    json list = json::array();
+    for (const SearchHit& hit : hits) {
+      list.push_back(
+          {{"path", hit.path}, {"line", hit.line}, {"text", hit.text}, {"matches", hit.matches}});
+    }
+    return print(list);
+  }
+  const bool marked = colour();
+  for (const SearchHit& hit : hits) {
+    std::string text;
+    std::size_t at = 0;
+    for (const auto& [begin, end] : hit.matches) {
+      if (begin < at) continue;
+      text.append(hit.text, at, begin - at);
+      text += marked ? "\033[1;31m" : "";
+      text.append(hit.text, begin, end - begin);
+      text += marked ? "\033[0m" : "";
+      at = end;
+    }
+    text.append(hit.text, at);
+    print("{}:{}: {}", hit.path, hit.line, text);
+  }
+  return 0;
+}
+
+int Command::stats() {
+  storage::Database db(database());
+  open_existing(db);
+  const storage::Counts counts = db.get_stats();
+  const std::int64_t generation = db.index_generation();
+  if (options_.json) {
+    json object = counts_json(counts);
+    object["generation"] = generation;
+    object["database"] = db.db_path().string();
+    return print(object);
+  }
+  print("{:<11}{}", "database", db.db_path().string());
+  for (const auto& [name, count] : counts) print("{:<11}{}", name, count);
+  return print("{:<11}{}", "generation", generation);
+}
+
+int Command::errors() {
+  storage::Database db(database());
+  open_existing(db);
+  const std::vector<sqlite::Row> rows = db.fetchall(
+      "SELECT file_path, error_type, message, line FROM index_errors ORDER BY file_path, id");
+  if (options_.json) {
+    json list = json::array();
+    for (const sqlite::Row& row : rows) {
+      list.push_back({{"path", row[0].as_text()},
+                      {"type", row[1].as_text()},
+                      {"message", row[2].is_null() ? json() : json(row[2].as_text())},
+                      {"line", row[3].is_null() ? json() : json(row[3].as_int())}});
+    }
+    return print(list);
+  }
+  for (const sqlite::Row& row : rows) {
+    const std::string where =
+        row[3].is_null() ? row[0].as_text() : row[0].as_text() + ":" + row[3].as_text();
+    print("{}: {}{}", where, row[1].as_text(),
+          row[2].is_null() ? std::string() : ": " + row[2].as_text());
+  }
+  return 0;
+}
+
+int Command::check() {
+  storage::Database db(database());
+  open_existing(db);
+  const bool ok = db.check_integrity();
+  if (options_.json) print(json{{"ok", ok}});
+  if (!ok) throw std::runtime_error("integrity check failed: " + db.db_path().string());
+  return options_.json ? 0 : print("ok");
+}
+
+int Command::compact() {
+  storage::Database db(database());
+  open_existing(db);
+  const storage::Compaction result = db.compact();
+  if (options_.json) {
+    return print(json{{"converted", result.converted},
+                      {"pages_released", result.pages_released},
+                      {"skipped", result.skipped ? json(*result.skipped) : json()}});
+  }
+  if (result.skipped) return print("not compacted: {}", *result.skipped);
+  if (result.converted) {
+    return print("converted to incremental auto-vacuum; released {} pages", result.pages_released);
+  }
+  if (result.pages_released > 0) return print("released {} pages", result.pages_released);
+  return print("nothing to compact");
+}
+
+int Command::generation() {
+  storage::Database db(database());
+  open_existing(db);
+  const std::int64_t value = db.index_generation();
+  return options_.json ? print(json{{"generation", value}}) : print("{}", value);
+}
+
+int Command::clear() {
+  storage::Database db(database());
+  open_existing(db);
+  db.clear_all();
+  return options_.json ? print(json{{"cleared", db.db_path().string()}})
+                       : print("cleared the index in {}", db.db_path().string());
+}
+
+int Command::swap() {
+  storage::Database db(database());
+  open_database(db);
+  const storage::Counts inserted = db.swap_index_from(fs::absolute(options_.staging));
+  const std::int64_t generation = db.index_generation();
+  if (options_.json)
+    return print(json{{"inserted", counts_json(inserted)}, {"generation", generation}});
+  return print("swapped in {}: {}; generation {}", options_.staging, counts_text(inserted),
+               generation);
+}
+
+int Command::stamp() {
+  std::map<std::string, std::int64_t> versions;
+  for (const std::string& item : options_.stamps) {
+    const std::size_t equals = item.find('=');
+    std::int64_t version = 0;
+    std::size_t used = 0;
+    try {
+      if (equals != std::string::npos) version = std::stoll(item.substr(equals + 1), &used);
+    } catch (const std::logic_error&) {  // not a number, or out of range
+      used = 0;
+    }
+    if (equals == 0 || equals == std::string::npos || used == 0 ||
+        used != item.size() - equals - 1) {
+      throw UsageError("stamp: expected LANG=VERSION with a whole-number VERSION, got '" + item +
+                       "'");
+    }
+    if (!versions.emplace(item.substr(0, equals), version).second) {
+      throw UsageError("stamp: language '" + item.substr(0, equals) + "' given twice");
+    }
+  }
+  storage::Database db(database());
+  open_existing(db);
+  const std::int64_t marked = db.refresh_extractor_stamp(versions);
+  return options_.json ? print(json{{"marked", marked}})
+                       : print("marked {} files for re-parsing", marked);
+}
+
+spdlog::level::level_enum log_level(const Options& options) {
+  if (options.quiet) return spdlog::level::err;
+  if (options.verbose >= 2) return spdlog::level::debug;
+  return options.verbose == 1 ? spdlog::level::info : spdlog::level::warn;
+}
+
+}  // namespace
+
+int run(int argc, const char* const* argv, const Io& io) {
+  Options options;
+  CLI::App app{"Builds, searches and maintains the code index of a repository.", "quilma-db"};
+  app.fallthrough();
+  app.option_defaults()->always_capture_default();
+  app.set_help_all_flag("--help-all", "Help for every command");
+  app.add_option("--db", options.db,
+                 "The index database (default: REPO/memory/codebase-index/index.db)");
+  app.add_flag("-v,--verbose", options.verbose,
+               "Show the storage layer's log lines: -v from INFO, -vv from DEBUG");
+  app.add_flag("-q,--quiet", options.quiet, "No progress and no log lines");
+  app.add_flag("--json", options.json, "Machine-readable output");
+  app.add_option("--color", options.color, "Colour search matches: auto, always or never")
+      ->check(CLI::IsMember({"auto", "always", "never"}));
+
+  struct Entry {
+    const char* name;
+    const char* about;
+    int (Command::*body)();
+  };
+  static constexpr std::array COMMANDS{
+      Entry{"index", "Index the repository's files and swap them into its index", &Command::index},
+      Entry{"search", "Search the index (FTS5 query syntax, ranked by bm25)", &Command::search},
+      Entry{"stats", "Counts of the index's rows, and its generation", &Command::stats},
+      Entry{"errors", "Files that could not be indexed, and why", &Command::errors},
+      Entry{"check", "Run SQLite's integrity check on the index", &Command::check},
+      Entry{"compact", "Give free pages back to the file system", &Command::compact},
+      Entry{"generation", "The index generation", &Command::generation},
+      Entry{"clear", "Empty the index", &Command::clear},
+      Entry{"swap", "Replace the index with that of a staging database", &Command::swap},
+      Entry{"stamp", "Record extractor versions and mark their files for re-parsing",
+            &Command::stamp},
+  };
+  std::map<std::string, CLI::App*, std::less<>> subs;
+  for (const Entry& entry : COMMANDS)
+    subs[entry.name] = app.add_subcommand(entry.name, entry.about);
+  subs["search"]
+      ->add_option("QUERY", options.query, "Words, \"phrases\", prefix*, AND, OR, NOT, NEAR(...)")
+      ->required();
+  subs["swap"]->add_option("STAGING", options.staging, "The staging database")->required();
+  subs["stamp"]
+      ->add_option("LANG=VERSION", options.stamps, "A language and its extractor's version")
+      ->required();
+  for (auto& [name, sub] : subs) {
+    if (name == "stamp") {
+      sub->add_option("--repo", options.repo, "The repository (default: .)");
+    } else {
+      sub->add_option("REPO", options.repo, "The repository (default: .)");
+    }
+  }
+  subs["search"]
+      ->add_option("--limit", options.limit, "At most this many matching lines")
+      ->check(CLI::PositiveNumber);
+  app.require_subcommand(1);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e, io.out, io.err);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e, io.out, io.err);
+  } catch (const CLI::ParseError& e) {
+    fmt::print(io.err, "quilma-db: {}\nRun 'quilma-db --help' for usage.\n", e.what());
+    return EXIT_USAGE;
+  }
+
+  const StorageLogs logs(io.err, log_level(options));
+  Command run_command(options, io);
+  const std::string name = app.get_subcommands().front()->get_name();
+  try {
+    for (const Entry& entry : COMMANDS) {
+      if (name == entry.name) return (run_command.*entry.body)();
+    }
+    return EXIT_USAGE;  // CLI11 lets through only the commands above
+  } catch (const UsageError& e) {
+    fmt::print(io.err, "quilma-db: {}\n", e.what());
+    return EXIT_USAGE;
+  } catch (const MalformedQuery& e) {
+    fmt::print(io.err, "quilma-db: {}\n", e.what());
+    return EXIT_USAGE;
+  } catch (const Interrupted& e) {
+    fmt::print(io.err, "quilma-db: {}: {}\n", name, e.what());
+    return EXIT_INTERRUPTED;
+  } catch (const std::exception& e) {
+    fmt::print(io.err, "quilma-db: {}: {}\n", name, e.what());
+    return EXIT_FAILED;
+  }
+}
+
+}  // namespace quilma::cli

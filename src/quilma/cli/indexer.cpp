@@ -1,0 +1,165 @@
+// The forced full re-index: list, build a staging database, swap it in, clean up.
+#include "quilma/cli/indexer.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "quilma/cli/repo_files.h"
+#include "quilma/cli/source_file.h"
+#include "quilma/models/symbol.h"
+#include "quilma/storage/core_schema.h"
+
+namespace quilma::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+// Files per transaction of the staging build: large enough that commits cost little, small
+// enough that the staging log is checkpointed as it goes rather than growing to the index's
+// size.
+constexpr std::int64_t BATCH_FILES = 500;
+
+double seconds_since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// A staging database file with a name of its own, removed (with its log and shared memory)
+// when the object goes, however the run ends.
+class StagingFile {
+ public:
+  explicit StagingFile(const fs::path& database) {
+    std::string pattern = database.string() + std::string(STAGING_INFIX) + "XXXXXX";
+    const int fd = ::mkstemp(pattern.data());
+    if (fd < 0) {
+      throw std::system_error(errno, std::generic_category(),
+                              "cannot create a staging database beside " + database.string());
+    }
+    ::close(fd);
+    path_ = pattern;
+  }
+  ~StagingFile() {
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
+      std::error_code ignored;
+      fs::remove(path_.string() + suffix, ignored);
+    }
+  }
+  StagingFile(const StagingFile&) = delete;
+  StagingFile& operator=(const StagingFile&) = delete;
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+void check_stop(const IndexRequest& request) {
+  if (request.stop != nullptr && request.stop->load()) throw Interrupted();
+}
+
+// Writes one readable file: its row, its anchor symbol and its chunks.
+void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
+              const SourceFile& file) {
+  const std::optional<std::string_view> language = language_of(path);
+  cursor.execute(
+      "INSERT INTO files (id, path, language, hash, size) VALUES (?, ?, ?, ?, ?)",
+      {id, path, language, content_hash(file.content), static_cast<std::int64_t>(file.size)});
+  const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
+  cursor.execute(
+      "INSERT INTO symbols (file_id, name, kind, line, end_line, qualified_name) "
+      "VALUES (?, ?, ?, ?, ?, ?)",
+      {id, name, models::FILE_SYMBOL_KIND, 1, line_count(file.content), path});
+  std::int64_t index = 0;
+  for (const Chunk& chunk : chunk_lines(file.content)) {
+    cursor.execute(
+        "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, 1)",
+        {storage::core_schema::chunk_rowid(id, index++), chunk.text, chunk.start_line,
+         chunk.end_line});
+  }
+}
+
+void build_staging(storage::Database& staging, const IndexRequest& request,
+                   const std::vector<std::string>& paths, IndexReport& report, Progress& progress) {
+  const auto total = static_cast<std::int64_t>(paths.size());
+  std::int64_t next = 0;
+  progress.start();
+  while (next < total) {
+    staging.transaction([&](sqlite::Cursor& cursor) {
+      for (const std::int64_t end = std::min(total, next + BATCH_FILES); next < end; ++next) {
+        check_stop(request);
+        const std::string& path = paths[static_cast<std::size_t>(next)];
+        const SourceFile file = read_source_file(request.repo / path);
+        report.bytes += file.content.size();
+        if (file.problem) {
+          staging.record_error(path, file.problem->type, file.problem->message, file.problem->line);
+          ++report.errors;
+        } else {
+          add_file(cursor, ++report.files, path, file);
+        }
+        progress.advance(next + 1, total, report.bytes);
+      }
+    });
+  }
+}
+
+std::string utc_now() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", utc.tm_year + 1900, utc.tm_mon + 1,
+                     utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+}
+
+}  // namespace
+
+void open_database(storage::Database& db) {
+  db.connect();
+  db.create_schema();
+  db.migrate_schema();
+}
+
+IndexReport index_repository(const IndexRequest& request, Progress& progress) {
+  const Clock::time_point started = Clock::now();
+  IndexReport report;
+  const RepoFiles listed = list_repo_files(request.repo, request.database);
+  report.from_git = listed.from_git;
+  report.list_seconds = seconds_since(started);
+  progress.note(fmt::format("listed {} files in {}{}", listed.paths.size(), request.repo.string(),
+                            listed.from_git ? " (git)" : ""));
+  check_stop(request);
+
+  fs::create_directories(request.database.parent_path());
+  const StagingFile staging_file(request.database);
+  const Clock::time_point build_started = Clock::now();
+  {
+    storage::Database staging(staging_file.path());
+    open_database(staging);
+    build_staging(staging, request, listed.paths, report, progress);
+    staging.close();
+  }
+  report.build_seconds = seconds_since(build_started);
+  check_stop(request);
+
+  // From here on the run goes to its end: the swap is one transaction, whole or not at all.
+  const Clock::time_point swap_started = Clock::now();
+  storage::Database live(request.database);
+  open_database(live);
+  live.swap_index_from(staging_file.path());
+  report.swap_seconds = seconds_since(swap_started);
+  live.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
+               {storage::LAST_INDEX_KEY, utc_now()});
+  report.generation = live.index_generation();
+  live.close();
+  report.total_seconds = seconds_since(started);
+  return report;
+}
+
+}  // namespace quilma::cli
