@@ -174,11 +174,14 @@ int Command::index() {
                         {"swap", report.swap_seconds},
                         {"total", report.total_seconds}}}});
   }
+  const std::string left_out =
+      report.errors == 0 ? ""
+                         : fmt::format("; {} left out (see 'quilma-db errors')", report.errors);
   return print(
-      "indexed {} files ({:.1f} MiB) in {:.1f} s: {:.0f} files/s, {:.1f} MiB/s; "
-      "{} not indexed (see 'quilma-db errors'); generation {}",
+      "indexed {} files ({:.1f} MiB) in {:.1f} s: {:.0f} files/s, {:.1f} MiB/s{}; "
+      "generation {}",
       report.files, mib, report.total_seconds,
-      static_cast<double>(report.files + report.errors) / seconds, mib / seconds, report.errors,
+      static_cast<double>(report.files + report.errors) / seconds, mib / seconds, left_out,
       report.generation);
 }
 
