@@ -1,10 +1,18 @@
 # Friendly front for the CMake presets. Every target installs what is missing first.
-.PHONY: all deps test check asan tsan bench lint format clean
+.PHONY: all deps run test check asan tsan bench bench-index lint format clean
 
 all: test
 
 deps:
 	@scripts/install-deps
+
+# Indexes this repository into its default database, then shows the index and a search.
+run: deps
+	cmake --preset default
+	cmake --build --preset default --target quilma-db
+	build/default/quilma-db index .
+	build/default/quilma-db stats .
+	build/default/quilma-db search --limit 5 'swap_index_from' .
 
 test: deps
 	cmake --preset default
@@ -27,6 +35,13 @@ bench: deps
 	cmake --preset default
 	cmake --build --preset default
 	bench/run
+	bench/index_bench.py
+
+# The index benchmark alone: a generated 20 000-file tree through quilma-db index.
+bench-index: deps
+	cmake --preset default
+	cmake --build --preset default --target quilma-db
+	bench/index_bench.py
 
 lint: deps
 	cmake --preset default

@@ -1,0 +1,136 @@
+#!/usr/bin/env python3
+"""The index benchmark: `quilma-db index` over a generated tree of about 20 000 files and
+200 MiB, in three runs that a user meets:
+
+  first    into a new database;
+  again    the same tree again, so the swap replaces an index of the same size;
+  shrunk   a tenth of the tree into that database, so the swap frees most of the file and
+           compaction gives it back.
+
+For each it reports files/s and MiB/s of the whole run and the shares of listing, building
+the staging database, and the swap with its compaction (and, from the storage layer's own
+log line, the compaction alone). As a floor it times Python's sqlite3 (SQLite's C API)
+inserting the same chunks into the same FTS5 table in one transaction, the files read
+beforehand: the tokenising that no indexer of this schema can skip.
+"""
+import argparse
+import json
+import os
+import re
+import shutil
+import sqlite3
+import subprocess
+import sys
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+CHUNK_LINES = 50
+FTS_DDL = ("CREATE VIRTUAL TABLE code_chunks USING fts5("
+           "text, start_line UNINDEXED, end_line UNINDEXED, exact UNINDEXED)")
+
+
+def ensure_tree(path, files, mib):
+    done = path + ".done"
+    if os.path.exists(done):
+        return
+    shutil.rmtree(path, ignore_errors=True)
+    subprocess.run([sys.executable, os.path.join(ROOT, "bench", "gen_repo.py"), path,
+                    "--files", str(files), "--mib", str(mib)], check=True)
+    open(done, "w").close()
+
+
+def tenth_of(tree, path):
+    """A tree of every tenth file of `tree`, as hard links."""
+    shutil.rmtree(path, ignore_errors=True)
+    kept = 0
+    for directory, _, names in os.walk(tree):
+        for name in sorted(names):
+            if int(re.sub(r"\D", "", name) or 0) % 10:
+                continue
+            source = os.path.join(directory, name)
+            target = os.path.join(path, os.path.relpath(source, tree))
+            os.makedirs(os.path.dirname(target), exist_ok=True)
+            os.link(source, target)
+            kept += 1
+    return kept
+
+
+def index(binary, tree, db):
+    run = subprocess.run([binary, "--json", "-v", "--db", db, "index", tree],
+                         capture_output=True, text=True, check=True)
+    report = json.loads(run.stdout)
+    compact = re.search(r"Compacted .*: (\d+) free pages released .* in ([\d.]+)s", run.stderr)
+    report["compact_seconds"] = float(compact.group(2)) if compact else 0.0
+    report["pages_released"] = int(compact.group(1)) if compact else 0
+    return report
+
+
+def fts_floor(tree):
+    texts = []
+    for directory, _, names in os.walk(tree):
+        for name in names:
+            with open(os.path.join(directory, name), encoding="utf-8") as source:
+                lines = source.read().split("\n")
+            texts.extend("\n".join(lines[i:i + CHUNK_LINES])
+                         for i in range(0, len(lines), CHUNK_LINES))
+    path = os.path.join(os.path.dirname(tree), "fts-floor.db")
+    for suffix in ("", "-journal", "-wal", "-shm"):
+        if os.path.exists(path + suffix):
+            os.remove(path + suffix)
+    conn = sqlite3.connect(path)
+    conn.execute(FTS_DDL)
+    started = time.perf_counter()
+    with conn:
+        conn.executemany("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
+                         "VALUES (?, ?, 1, 1, 1)", enumerate(texts, 1))
+    seconds = time.perf_counter() - started
+    conn.close()
+    os.remove(path)
+    return seconds
+
+
+def describe(name, report, floor):
+    total = report["seconds"]["total"]
+    mib = report["bytes"] / 1048576
+    shares = {key: report["seconds"][key] / total for key in ("list", "build", "swap")}
+    print(f"{name:7} {report['files'] + report['errors']:6d} files {mib:6.1f} MiB "
+          f"{total:6.1f} s  {(report['files'] + report['errors']) / total:6.0f} files/s "
+          f"{mib / total:5.1f} MiB/s  list {shares['list']:4.0%}  build {shares['build']:4.0%}  "
+          f"swap+compaction {shares['swap']:4.0%} (compaction {report['compact_seconds'] / total:4.0%}, "
+          f"{report['pages_released']} pages)" +
+          (f"  build / FTS5 floor {report['seconds']['build'] / floor:4.2f}x" if floor else ""))
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--files", type=int, default=20000)
+    parser.add_argument("--mib", type=float, default=200.0)
+    parser.add_argument("--binary", default=os.path.join(ROOT, "build/default/quilma-db"))
+    parser.add_argument("--dir", default=os.environ.get("QUILMA_BENCH_DIR",
+                                                        os.path.join(ROOT, "build/bench-data")))
+    args = parser.parse_args()
+
+    tree = os.path.join(args.dir, f"index-tree-{args.files}")
+    ensure_tree(tree, args.files, args.mib)
+    db_dir = os.path.join(args.dir, "index-bench")
+    shutil.rmtree(db_dir, ignore_errors=True)
+    db = os.path.join(db_dir, "index.db")
+
+    floor = fts_floor(tree)
+    first = index(args.binary, tree, db)
+    again = index(args.binary, tree, db)
+    small_tree = os.path.join(args.dir, f"index-tree-{args.files}-tenth")
+    tenth_of(tree, small_tree)
+    shrunk = index(args.binary, small_tree, db)
+    shutil.rmtree(small_tree)
+    shutil.rmtree(db_dir)
+
+    print(f"FTS5 floor: {floor:.1f} s for the chunks of the whole tree")
+    describe("first", first, floor)
+    describe("again", again, floor)
+    describe("shrunk", shrunk, None)
+
+
+if __name__ == "__main__":
+    main()
