@@ -98,7 +98,8 @@ def describe(name, report, floor):
           f"{mib / total:5.1f} MiB/s  list {shares['list']:4.0%}  build {shares['build']:4.0%}  "
           f"swap+compaction {shares['swap']:4.0%} (compaction {report['compact_seconds'] / total:4.0%}, "
           f"{report['pages_released']} pages)" +
-          (f"  build / FTS5 floor {report['seconds']['build'] / floor:4.2f}x" if floor else ""))
+          (f"  build / FTS5 floor {report['seconds']['build'] / floor:4.2f}x"
+           f"  whole run / FTS5 floor {total / floor:4.2f}x" if floor else ""))
 
 
 def main():

@@ -32,7 +32,8 @@ namespace quilma::cli {
 namespace {
 
 namespace fs = std::filesystem;
-using nlohmann::json;
+// Keys keep the order they are written in: counts come in the order their operation defines.
+using json = nlohmann::ordered_json;
 
 constexpr std::string_view DEFAULT_DATABASE = "memory/codebase-index/index.db";
 

@@ -30,8 +30,7 @@ bool is_build_output(std::string_view name) {
          name.starts_with("cmake-build-");
 }
 
-// What `git -C repo ls-files` prints, or std::nullopt when git is missing or `repo` is not in
-// a work tree.
+// What `git -C repo ls-files` prints, or std::nullopt when git is missing or fails.
 std::optional<std::string> git_ls_files(const fs::path& repo) {
   int pipe_fds[2];
   if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return std::nullopt;
@@ -90,7 +89,12 @@ std::vector<std::string> walk(const fs::path& repo) {
 
 RepoFiles list_repo_files(const fs::path& repo, const fs::path& database) {
   RepoFiles files;
-  if (std::optional<std::string> listed = git_ls_files(repo)) {
+  // Only the top of a work tree: a directory inside one (a generated tree under an ignored
+  // build directory, say) is walked, since git would list none of its ignored files.
+  std::error_code no_git;
+  std::optional<std::string> listed;
+  if (fs::exists(repo / ".git", no_git)) listed = git_ls_files(repo);
+  if (listed) {
     files.from_git = true;
     std::string_view rest = *listed;
     while (!rest.empty()) {

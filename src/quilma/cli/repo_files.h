@@ -12,8 +12,9 @@ struct RepoFiles {
   bool from_git = false;           // listed by git rather than by walking the tree
 };
 
-// The regular files of the repository at `repo` (an absolute, existing directory). In a git
-// work tree: the files git tracks and the untracked ones it does not ignore. Elsewhere: a walk
+// The regular files of the repository at `repo` (an absolute, existing directory). At the top
+// of a git work tree (`repo` holds ".git"): the files git tracks and the untracked ones it does
+// not ignore. Elsewhere, or when git fails: a walk
 // that skips hidden directories, a top-level "memory" directory, and build output. Either way,
 // symbolic links, and the files whose path begins with `database` (the index itself, its log,
 // its staging copies), are left out.
