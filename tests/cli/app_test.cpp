@@ -147,7 +147,7 @@ TEST_F(IndexedRepoTest, StoppedOrFailedRunLeavesPreviousIndex) {
 
   {
     testing::FaultVfs vfs;
-    vfs.fail_writes_after(64 * 1024);  // the staging build runs out of disk
+    vfs.fail_writes_after(std::int64_t{64} * 1024);  // the staging build runs out of disk
     const Result failed = in_repo({"index", "--quiet"});
     EXPECT_EQ(failed.status, EXIT_FAILED);
     EXPECT_EQ(failed.err, "quilma-db: index: database or disk is full\n");

@@ -41,6 +41,7 @@ TEST(RepoFilesTest, GitListsTrackedAndUnignoredFiles) {
   }
   std::ofstream(dir / ".gitignore") << "*.log\n";
   const std::string git = "git -C '" + dir.path().string() + "' ";
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the test runs no other thread
   ASSERT_EQ(std::system((git + "init -q && " + git + "add tracked.py deleted.py").c_str()), 0);
   fs::remove(dir / "deleted.py");
   const RepoFiles files = list_repo_files(dir.path(), dir / "memory/codebase-index/index.db");

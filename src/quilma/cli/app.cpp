@@ -101,7 +101,7 @@ class Command {
   int compact();
   int generation();
   int clear();
-  int swap();
+  int swap_in();
   int stamp();
 
  private:
@@ -130,6 +130,7 @@ class Command {
   }
   bool colour() const {
     if (options_.color != "auto") return options_.color == "always";
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing in this process sets the environment
     return io_.out_is_terminal && std::getenv("NO_COLOR") == nullptr;
   }
 
@@ -297,7 +298,7 @@ int Command::clear() {
                        : print("cleared the index in {}", db.db_path().string());
 }
 
-int Command::swap() {
+int Command::swap_in() {
   storage::Database db(database());
   open_database(db);
   const storage::Counts inserted = db.swap_index_from(fs::absolute(options_.staging));
@@ -372,7 +373,7 @@ int run(int argc, const char* const* argv, const Io& io) {
       Entry{"compact", "Give free pages back to the file system", &Command::compact},
       Entry{"generation", "The index generation", &Command::generation},
       Entry{"clear", "Empty the index", &Command::clear},
-      Entry{"swap", "Replace the index with that of a staging database", &Command::swap},
+      Entry{"swap", "Replace the index with that of a staging database", &Command::swap_in},
       Entry{"stamp", "Record extractor versions and mark their files for re-parsing",
             &Command::stamp},
   };

@@ -14,7 +14,7 @@ namespace quilma::cli {
 
 // Larger files are recorded as too large and not read: at this size they are generated code,
 // data or bundles, not code that a person searches.
-inline constexpr std::uintmax_t MAX_FILE_BYTES = 1024 * 1024;
+inline constexpr std::uintmax_t MAX_FILE_BYTES = std::uintmax_t{1024} * 1024;
 // Lines per row of code_chunks: a search hit ranks a chunk, so this is how much text bm25
 // weighs together.
 inline constexpr std::int64_t CHUNK_LINES = 50;
