@@ -3,6 +3,7 @@
 #include <future>
 #include <latch>
 #include <map>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -464,6 +465,9 @@ struct StoredStamp {
   sqlite::Value raw;
   std::string rendered;  // as the warning shows it
 };
+
+// Names the case by its rendered form; the default would dump the struct's bytes.
+void PrintTo(const StoredStamp& stamp, std::ostream* out) { *out << stamp.rendered; }
 
 class UnknownStampTest : public ExtractorStampTest,
                          public ::testing::WithParamInterface<StoredStamp> {};
