@@ -126,6 +126,7 @@ TEST_F(DatabaseTest, LifecycleStatesAndTheirMessages) {
       std::function<void()>([&] { db_.executemany("SELECT 1", {}); }),
       std::function<void()>([&] { db_.transaction([](sqlite::Cursor&) {}); }),
       std::function<void()>([&] { db_.fetchone("SELECT 1"); }),  // closed pool, then writer
+      std::function<void()>([&] { db_.read([](sqlite::Cursor&) {}); }),
   };
   for (const auto& use : uses) {
     EXPECT_EQ(message_of(use), "Database not connected. Call connect() first.");
@@ -176,7 +177,7 @@ TEST_F(DatabaseTest, NestedLevelsSendOneBeginAndOneCommit) {
   EXPECT_EQ(Peer::tx_depth(db_), 0);
   EXPECT_EQ(Peer::tx_owner(db_), std::thread::id());
   EXPECT_EQ(trace.statements(),
-            (std::vector<std::string>{"BEGIN", "INSERT INTO t (v) VALUES ('a')",
+            (std::vector<std::string>{"BEGIN IMMEDIATE", "INSERT INTO t (v) VALUES ('a')",
                                       "INSERT INTO t (v) VALUES ('b')", "COMMIT"}));
 }
 
@@ -401,6 +402,96 @@ TEST_F(DatabaseTest, ConcurrentWritersAndReadersStayConsistent) {
   EXPECT_EQ(went_back.load(), 0);
   EXPECT_EQ(rows(), threads * rounds * 3);
 }
+
+TEST_F(DatabaseTest, AReadSeesOneStateWithoutWaitingForWrites) {
+  open();
+  db_.execute("INSERT INTO t (v) VALUES ('a')");
+  std::latch release(1);
+  std::thread holder = hold_transaction(release);  // a read never waits for it
+  const auto [first, second] = db_.read([&](sqlite::Cursor& cursor) {
+    const std::int64_t before =
+        cursor.execute("SELECT COUNT(*) FROM t").fetchone().value()[0].as_int();
+    release.count_down();
+    holder.join();
+    std::async(std::launch::async, [&] { db_.execute("INSERT INTO t (v) VALUES ('b')"); }).get();
+    const std::int64_t after =
+        cursor.execute("SELECT COUNT(*) FROM t").fetchone().value()[0].as_int();
+    EXPECT_EQ(error_of<sqlite::OperationalError>(
+                  [&] { cursor.execute("INSERT INTO t (v) VALUES ('c')"); }),
+              "attempt to write a readonly database");
+    return std::pair(before, after);
+  });
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(second, 1);  // the other thread's commit came after the snapshot
+  EXPECT_EQ(rows(), 2);
+}
+
+TEST_F(DatabaseTest, AReadFallsBackToTheWriterAsQueriesDo) {
+  const auto count_in_read = [this] {
+    return db_.read([](sqlite::Cursor& cursor) {
+      EXPECT_THROW(cursor.execute("DELETE FROM t"), sqlite::OperationalError);
+      return cursor.execute("SELECT COUNT(*) FROM t").fetchone().value()[0].as_int();
+    });
+  };
+  const auto check_writer_writes = [this] {
+    EXPECT_FALSE(in_transaction());
+    db_.execute("INSERT INTO t (v) VALUES ('x')");  // writable again after the read
+  };
+  {
+    testing::ScopedEnv none("QUILMA_DB_READERS", "0");
+    open();
+    EXPECT_EQ(count_in_read(), 0);
+    check_writer_writes();
+  }
+  db_.transaction([&](sqlite::Cursor& cursor) {
+    cursor.execute("INSERT INTO t (v) VALUES ('mine')");
+    EXPECT_EQ(count_in_read(), 2);  // its own transaction's state
+    cursor.execute("INSERT INTO t (v) VALUES ('more')");
+  });
+  EXPECT_EQ(rows(), 3);
+  Peer::set_readers(db_, std::make_shared<ReaderPool>(path_, 1))->close();
+  EXPECT_EQ(count_in_read(), 3);  // no read connection to be had
+  check_writer_writes();
+}
+
+// A caller that reconnects while other threads query gets errors from those queries, never
+// a crash: run under AddressSanitizer and ThreadSanitizer.
+class ReconnectTest : public DatabaseTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(ReconnectTest, UnderRunningQueriesFailsCleanly) {
+  testing::ScopedEnv readers("QUILMA_DB_READERS", GetParam());
+  open();
+  db_.execute("INSERT INTO t (v) VALUES ('a')");
+  std::atomic<bool> stop{false};
+  std::atomic<int> answered{0};
+  std::vector<std::thread> queries;
+  for (int i = 0; i < 2; ++i) {
+    queries.emplace_back([&] {
+      while (!stop.load()) {
+        try {
+          EXPECT_EQ(db_.fetchone("SELECT COUNT(*) FROM t").value()[0].as_int(), 1);
+          EXPECT_EQ(db_.read([](sqlite::Cursor& cursor) {
+            return cursor.execute("SELECT v FROM t").fetchone().value()[0].as_text();
+          }),
+                    "a");
+          ++answered;
+        } catch (const std::runtime_error& error) {
+          EXPECT_STREQ(error.what(), "Database is closed.");
+        }
+      }
+    });
+  }
+  for (int round = 0; round < 100; ++round) {
+    if (round % 2 == 0) db_.close();
+    db_.connect();
+  }
+  while (answered.load() < 10) std::this_thread::yield();
+  stop = true;
+  for (std::thread& query : queries) query.join();
+}
+
+INSTANTIATE_TEST_SUITE_P(Readers, ReconnectTest, ::testing::Values("2", "0"),
+                         [](const auto& info) { return std::string("pool_") + info.param; });
 
 }  // namespace
 }  // namespace quilma::storage

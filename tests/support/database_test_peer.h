@@ -18,9 +18,10 @@ class DatabaseTestPeer {
     return db.tx_depth_;
   }
   static std::thread::id tx_owner(const Database& db) { return db.tx_owner_.load(); }
-  static ReaderPool* readers(const Database& db) { return db.readers_.load(); }
-  static ReaderPool* set_readers(Database& db, std::unique_ptr<ReaderPool> pool) {
-    return db.set_readers(std::move(pool));
+  static std::shared_ptr<ReaderPool> readers(const Database& db) { return db.readers_.load(); }
+  static std::shared_ptr<ReaderPool> set_readers(Database& db, std::shared_ptr<ReaderPool> pool) {
+    db.readers_.store(pool);
+    return pool;
   }
   static ConnectionLock& lock(Database& db) { return db.lock_; }
   static std::int64_t count(Database& db, std::string_view sql) { return db.count(sql); }

@@ -1,6 +1,7 @@
 // The DDL of this release's index tables.
 #include "quilma/storage/core_schema.h"
 
+#include <algorithm>
 #include <array>
 #include <set>
 #include <string>
@@ -85,21 +86,30 @@ CREATE TABLE index_errors (
 
 }  // namespace
 
-void create_tables(sqlite::Cursor& cursor) {
-  std::set<std::string> existing;
+std::vector<std::string_view> missing_tables(sqlite::Cursor& cursor) {
+  std::set<std::string, std::less<>> existing;
   for (const sqlite::Row& row :
        cursor.execute("SELECT name FROM sqlite_schema WHERE type = 'table'").fetchall()) {
     existing.insert(row[0].as_text());
   }
+  std::vector<std::string_view> missing;
   for (const Table& table : TABLES) {
-    if (existing.count(std::string(table.name)) > 0) continue;
+    if (!existing.contains(table.name)) missing.push_back(table.name);
+  }
+  return missing;
+}
+
+void create_tables(sqlite::Cursor& cursor) {
+  const std::vector<std::string_view> missing = missing_tables(cursor);
+  for (const Table& table : TABLES) {
+    if (std::find(missing.begin(), missing.end(), table.name) == missing.end()) continue;
     migrations::run_ddl(cursor, table.ddl);
     for (const Index& index : INDEXES) {
       if (index.table == table.name) cursor.execute(index.ddl);
     }
     if (table.name == "code_chunks") migrations::run_ddl(cursor, CHUNK_TRIGGER_DDL);
   }
-  if (existing.count("files") == 0) {
+  if (std::find(missing.begin(), missing.end(), "files") != missing.end()) {
     cursor.execute("INSERT OR IGNORE INTO schema_info (key, value) VALUES ('version', ?)",
                    {migrations::SCHEMA_VERSION});
   }

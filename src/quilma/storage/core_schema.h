@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "quilma/sqlite/cursor.h"
 
@@ -55,5 +56,8 @@ static_assert(CHUNKS_PER_FILE == 1048576, "CHUNK_TRIGGER_DDL spells out CHUNKS_P
 // none of the index tables is new: its "version" row is written with them, at this release's schema
 // version.
 void create_tables(sqlite::Cursor& cursor);
+
+// The tables of the index that the file lacks, in the order create_tables() makes them.
+std::vector<std::string_view> missing_tables(sqlite::Cursor& cursor);
 
 }  // namespace quilma::storage::core_schema

@@ -92,8 +92,10 @@ class Database {
   const std::filesystem::path& db_path() const noexcept { return db_path_; }
 
   // Creates the file's directory, opens the writer with its pragmas and, when the journal is
-  // in WAL mode, a pool of read connections. Runs before the object is shared between
-  // threads: it takes no lock, and a writer it replaces is closed at once.
+  // in WAL mode, a pool of read connections. Callers connect before they share the object;
+  // should another thread be using it all the same, the new connections are put in place
+  // under the lock, and the replaced ones closed after the statements running on them.
+  // Writes nothing to a file that has pages already.
   void connect();
   // Closes the pool (waiting for queries in progress on it), then the writer under the lock
   // (waiting for a statement or transaction in progress on it).
@@ -104,9 +106,11 @@ class Database {
   sqlite::Connection& connection() const;
 
   // Runs body(cursor) as one transaction level and returns what body returns. The outermost
-  // level sends BEGIN, then COMMIT when body returns; when body throws, or the COMMIT fails,
-  // it sends ROLLBACK and the error goes on unchanged. An inner level (the same thread, inside
-  // an open level) joins the outer transaction and sends nothing. The lock is held throughout.
+  // level sends BEGIN IMMEDIATE, which waits (up to the busy timeout) for another process's
+  // write to end, so that no statement inside has to; then COMMIT when body returns; when body
+  // throws, or the COMMIT fails, it sends ROLLBACK and the error goes on unchanged. An inner level
+  // (the same thread, inside an open level) joins the outer transaction and sends nothing. The lock
+  // is held throughout.
   template <class Body>
   std::invoke_result_t<Body, sqlite::Cursor&> transaction(Body&& body);
 
@@ -119,12 +123,20 @@ class Database {
   // transaction open; otherwise, or when no read connection can serve, on the writer.
   std::optional<sqlite::Row> fetchone(std::string_view sql, const sqlite::Params& params = {});
   std::vector<sqlite::Row> fetchall(std::string_view sql, const sqlite::Params& params = {});
+  // Runs body(cursor) with every query in it reading one state of the file, and returns what
+  // body returns: one read connection and one read transaction, so that a commit of another
+  // thread or process in between is seen by none of them or by all. Never waits for a write.
+  // Falls back to the writer as queries do (no pool, no read connection to be had, or the
+  // calling thread inside its own transaction, whose state it then sees). The cursor only
+  // reads: a write through it fails with "attempt to write a readonly database".
+  template <class Body>
+  std::invoke_result_t<Body, sqlite::Cursor&> read(Body&& body);
 
   // The open sequence, after connect(): create_schema() creates the tables the file lacks,
-  // in one transaction; migrate_schema() runs the migration steps after the version the file
-  // records (each in a transaction of its own, errors as migrations::SchemaMigrationError)
-  // and, once the file is at this release's version, rewrites a file made with smaller
-  // pages, closing the read connections around the rewrite.
+  // in one transaction, and takes no write lock when it lacks none; migrate_schema() runs the
+  // migration steps after the version the file records (each in a transaction of its own, errors as
+  // migrations::SchemaMigrationError) and, once the file is at this release's version, rewrites a
+  // file made with smaller pages, closing the read connections around the rewrite.
   void create_schema();
   void migrate_schema();
   // Whether the file passes SQLite's integrity check.
@@ -198,10 +210,35 @@ class Database {
     bool outermost_ = false;
   };
 
-  std::unique_ptr<ReaderPool> open_readers(std::string_view journal_mode) const;
-  // Makes `pool` (or none) the pool that queries lease from; returns it.
-  ReaderPool* set_readers(std::unique_ptr<ReaderPool> pool);
-  ReaderPool* readers_for(std::string_view sql) const;
+  // The state that read() runs its body in: a read transaction on a leased read connection,
+  // or on the writer under the lock.
+  class Snapshot {
+   public:
+    explicit Snapshot(Database& db);  // leases or locks, then begins the read transaction
+    ~Snapshot();                      // ends it, then gives back what it took
+    Snapshot(const Snapshot&) = delete;
+    Snapshot& operator=(const Snapshot&) = delete;
+
+    sqlite::Cursor& cursor() { return *cursor_; }
+
+   private:
+    bool begin_on_reader();  // false when no read connection can serve
+    void begin_on_writer();
+    void begin();
+    void end() noexcept;
+
+    Database& db_;
+    std::shared_ptr<ReaderPool> pool_;  // outlives the lease taken from it
+    std::optional<ReaderPool::Lease> lease_;
+    std::unique_lock<ConnectionLock> hold_;  // the writer's path
+    sqlite::Connection* connection_ = nullptr;
+    bool began_ = false;       // this object opened the read transaction and must end it
+    bool query_only_ = false;  // this object made the writer refuse writes
+    std::optional<sqlite::Cursor> cursor_;
+  };
+
+  std::shared_ptr<ReaderPool> open_readers(std::string_view journal_mode) const;
+  std::shared_ptr<ReaderPool> readers_for(std::string_view sql) const;
   template <class Fetch>
   std::invoke_result_t<Fetch&, sqlite::Cursor&> query(std::string_view sql,
                                                       const sqlite::Params& params, Fetch fetch);
@@ -239,11 +276,9 @@ class Database {
   mutable ConnectionLock lock_;
   int tx_depth_ = 0;  // open transaction levels; written only under lock_
   std::atomic<bool> closed_{false};
-  // The pool that queries lease from, or none; read without the lock. Every pool it has
-  // pointed at stays alive in pools_ until the next connect() or the destructor, so a query
-  // may finish with the pool it loaded even after the pool was closed or replaced.
-  std::atomic<ReaderPool*> readers_{nullptr};
-  std::vector<std::unique_ptr<ReaderPool>> pools_;
+  // The pool that queries lease from, or none; read without the lock. A query keeps the pool
+  // it loaded alive until it is done with it, even when the pool was closed or replaced.
+  std::atomic<std::shared_ptr<ReaderPool>> readers_;
   // The thread whose outermost transaction is open. Written under lock_; read without it,
   // and it holds a thread's own id only while that thread's transaction is open.
   std::atomic<std::thread::id> tx_owner_{};
@@ -272,6 +307,12 @@ std::invoke_result_t<Body, sqlite::Cursor&> Database::transaction(Body&& body) {
     level.rollback();
     throw;
   }
+}
+
+template <class Body>
+std::invoke_result_t<Body, sqlite::Cursor&> Database::read(Body&& body) {
+  Snapshot snapshot(*this);
+  return std::invoke(std::forward<Body>(body), snapshot.cursor());
 }
 
 }  // namespace quilma::storage

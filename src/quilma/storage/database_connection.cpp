@@ -124,55 +124,64 @@ void Database::connect() {
   if (const std::filesystem::path parent = db_path_.parent_path(); !parent.empty()) {
     std::filesystem::create_directories(parent);
   }
-  closed_.store(false, std::memory_order_release);
-
+  // The new writer is made ready before anyone can reach it: a thread that finds it in
+  // connection_ must not run a statement beside one of the pragmas.
   auto writer = std::make_unique<sqlite::Connection>(
       db_path_, sqlite::OpenOptions{.busy_timeout = detail::WRITER_BUSY_TIMEOUT});
-  connection_.store(writer.get(), std::memory_order_release);
-  writer_ = std::move(writer);  // a writer this replaces is closed here
-
-  sqlite::Cursor cursor = writer_->cursor();
-  // Page size and auto-vacuum shape only a file without pages yet; an existing file keeps
-  // what it was made with.
-  cursor.execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
-  cursor.execute("PRAGMA auto_vacuum=INCREMENTAL");
+  sqlite::Cursor cursor = writer->cursor();
+  // Page size and auto-vacuum shape a file without pages yet. On a file with tables the
+  // auto-vacuum pragma would take the write lock (and wait for another process's write) only
+  // to change nothing: such a file keeps what it was made with, and the rewrites that change
+  // it ask for incremental mode themselves.
+  if (cursor.execute("PRAGMA page_count").fetchone().value()[0].as_int() == 0) {
+    cursor.execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
+    cursor.execute("PRAGMA auto_vacuum=INCREMENTAL");
+  }
   const std::optional<sqlite::Row> mode = cursor.execute("PRAGMA journal_mode=WAL").fetchone();
   cursor.execute("PRAGMA foreign_keys=ON");
   cursor.execute("PRAGMA synchronous=NORMAL");
+  // A log that a long read kept from restarting shrinks back to this at the next checkpoint
+  // that completes, instead of keeping its largest size on disk.
+  cursor.execute("PRAGMA journal_size_limit=" + std::to_string(detail::JOURNAL_SIZE_LIMIT));
   cursor.close();
-  utils::register_path_functions(*writer_);
+  utils::register_path_functions(*writer);
 
-  const std::string journal_mode = detail::journal_mode(mode);
-  // No query runs during connect(), so the pools it replaces can go now; a pool that fails
-  // to open leaves the current one in place.
-  std::unique_ptr<ReaderPool> opened = open_readers(journal_mode);
-  std::vector<std::unique_ptr<ReaderPool>> replaced = std::move(pools_);
-  pools_.clear();
-  set_readers(std::move(opened));
+  // A pool that fails to open leaves everything as it was.
+  std::shared_ptr<ReaderPool> opened = open_readers(detail::journal_mode(mode));
+  std::unique_ptr<sqlite::Connection> replaced_writer;
+  std::shared_ptr<ReaderPool> replaced_readers;
+  {
+    // Every use of the writer holds the lock, so none is using the replaced one past here.
+    const std::lock_guard hold(lock_);
+    replaced_writer = std::exchange(writer_, std::move(writer));
+    connection_.store(writer_.get(), std::memory_order_release);
+    closed_.store(false, std::memory_order_release);
+    replaced_readers = readers_.exchange(std::move(opened), std::memory_order_acq_rel);
+  }
+  // A query that loaded the replaced pool keeps it alive, finds it closed at its lease (or
+  // finishes first: close() waits for it) and takes the writer's path.
+  if (replaced_readers) replaced_readers->close();
 }
 
-ReaderPool* Database::set_readers(std::unique_ptr<ReaderPool> pool) {
-  ReaderPool* readers = pool.get();
-  if (pool) pools_.push_back(std::move(pool));
-  readers_.store(readers, std::memory_order_release);
-  return readers;
-}
-
-std::unique_ptr<ReaderPool> Database::open_readers(std::string_view journal_mode) const {
+std::shared_ptr<ReaderPool> Database::open_readers(std::string_view journal_mode) const {
   const int count = reader_count();
   // Only in WAL mode does a read connection escape the writer's lock; an in-memory database
   // reports "memory" and could not be opened a second time anyway.
   if (count == 0 || journal_mode != "wal") return nullptr;
-  return std::make_unique<ReaderPool>(db_path_, count, &utils::register_path_functions);
+  return std::make_shared<ReaderPool>(db_path_, count, &utils::register_path_functions);
 }
 
 void Database::close() {
-  if (ReaderPool* pool = readers_.load(std::memory_order_acquire)) pool->close();
+  if (const std::shared_ptr<ReaderPool> pool = readers_.load(std::memory_order_acquire)) {
+    pool->close();
+  }
   // Closing the writer under a statement that another thread runs on it would crash that
   // thread: wait for it.
   const std::lock_guard hold(lock_);
-  // A page rewrite that held the lock meanwhile may have opened a new pool.
-  if (ReaderPool* pool = readers_.load(std::memory_order_acquire)) pool->close();
+  // A page rewrite or a connect() that held the lock meanwhile may have opened a new pool.
+  if (const std::shared_ptr<ReaderPool> pool = readers_.load(std::memory_order_acquire)) {
+    pool->close();
+  }
   if (connection_.load(std::memory_order_acquire) != nullptr) {
     // The writer is closed even when SQLite reports an error from it. closed_ goes first: a
     // thread that sees no connection must also see why.
@@ -208,8 +217,12 @@ Database::TransactionLevel::TransactionLevel(Database& db) : db_(db), hold_(db.l
   db_.tx_depth_ = 1;
   db_.tx_owner_.store(std::this_thread::get_id(), std::memory_order_release);
   try {
-    // Deferred: the file's write lock is taken at the first write.
-    control_->execute("BEGIN");
+    // The file's write lock is taken here, where the busy timeout covers the wait for another
+    // process's write. A deferred BEGIN would take it at the first write instead, and a
+    // transaction that has read by then gets SQLITE_BUSY at once, without waiting, when
+    // another process holds it (waiting could deadlock), or SQLITE_BUSY_SNAPSHOT when
+    // another process committed since its first read.
+    control_->execute("BEGIN IMMEDIATE");
   } catch (...) {
     rollback();
     db_.tx_depth_ = 0;
@@ -258,7 +271,7 @@ sqlite::Cursor Database::executemany(std::string_view sql,
   return cursor;
 }
 
-ReaderPool* Database::readers_for(std::string_view sql) const {
+std::shared_ptr<ReaderPool> Database::readers_for(std::string_view sql) const {
   // A thread inside its own transaction must see what it has written so far.
   if (tx_owner_.load(std::memory_order_acquire) == std::this_thread::get_id()) return nullptr;
   if (!detail::is_read_statement(sql)) return nullptr;
@@ -274,8 +287,8 @@ std::invoke_result_t<Fetch&, sqlite::Cursor&> Database::query(std::string_view s
     cursor.execute(sql, params);
     return fetch(cursor);
   };
-  // A pool closed or replaced meanwhile stays alive (see pools_) and refuses the lease.
-  if (ReaderPool* readers = readers_for(sql)) {
+  // A pool closed or replaced meanwhile stays alive while this holds it, and refuses the lease.
+  if (const std::shared_ptr<ReaderPool> readers = readers_for(sql)) {
     try {
       ReaderPool::Lease lease = readers->lease();
       return run(lease.connection());
@@ -294,6 +307,84 @@ std::optional<sqlite::Row> Database::fetchone(std::string_view sql, const sqlite
 
 std::vector<sqlite::Row> Database::fetchall(std::string_view sql, const sqlite::Params& params) {
   return query(sql, params, [](sqlite::Cursor& cursor) { return cursor.fetchall(); });
+}
+
+Database::Snapshot::Snapshot(Database& db) : db_(db) {
+  if (db_.tx_owner_.load(std::memory_order_acquire) != std::this_thread::get_id()) {
+    pool_ = db_.readers_.load(std::memory_order_acquire);
+    if (pool_ && begin_on_reader()) return;
+    pool_.reset();
+  }
+  begin_on_writer();
+}
+
+Database::Snapshot::~Snapshot() { end(); }
+
+bool Database::Snapshot::begin_on_reader() {
+  try {
+    lease_.emplace(pool_->lease());
+  } catch (const ReaderUnavailable&) {
+    return false;
+  }
+  connection_ = &lease_->connection();
+  try {
+    begin();
+    return true;
+  } catch (const sqlite::OperationalError& error) {
+    end();
+    if (!detail::reader_cannot_serve(error)) throw;
+  } catch (...) {
+    end();
+    throw;
+  }
+  return false;
+}
+
+void Database::Snapshot::begin_on_writer() {
+  hold_ = std::unique_lock(db_.lock_);
+  connection_ = &db_.connection();
+  try {
+    sqlite::Cursor(connection_->cursor()).execute("PRAGMA query_only=ON");
+    query_only_ = true;
+    // Holding the lock, an open transaction can only be this thread's own: the body reads
+    // the state it has written so far, which no other thread changes meanwhile.
+    if (db_.tx_depth_ > 0) {
+      cursor_.emplace(connection_->cursor());
+    } else {
+      begin();
+    }
+  } catch (...) {
+    end();
+    throw;
+  }
+}
+
+void Database::Snapshot::begin() {
+  cursor_.emplace(connection_->cursor());
+  cursor_->execute("BEGIN");  // deferred: a read transaction, no write lock
+  began_ = true;
+  // The snapshot is taken at the first read. Taking it here, a read connection that cannot
+  // serve says so before the body runs, and the body runs whole on the writer instead.
+  cursor_->execute("PRAGMA schema_version");
+}
+
+void Database::Snapshot::end() noexcept {
+  // A statement that the body left unfinished would keep the read transaction open.
+  if (cursor_) cursor_->close();
+  cursor_.reset();
+  if (connection_ == nullptr) return;
+  // The body may have moved its cursor away: the ending statements run on one of their own.
+  const auto run = [this](const char* sql) {
+    try {
+      connection_->cursor().execute(sql);
+    } catch (const sqlite::Error&) {  // nothing was written that could be lost
+    }
+  };
+  if (began_) run("ROLLBACK");
+  if (query_only_) run("PRAGMA query_only=OFF");
+  began_ = query_only_ = false;
+  connection_ = nullptr;
+  lease_.reset();
 }
 
 std::int64_t Database::count(std::string_view sql) {

@@ -22,6 +22,9 @@ inline constexpr int DEFAULT_READERS = 6;
 inline constexpr int MAX_READERS = 32;
 // How long a statement on the writer waits for another process's lock on the file.
 inline constexpr std::chrono::milliseconds WRITER_BUSY_TIMEOUT{5000};
+// The size, in bytes, that the writer's log is cut back to whenever a checkpoint has copied
+// all of it into the file, however large a swap or a VACUUM made it.
+inline constexpr std::int64_t JOURNAL_SIZE_LIMIT = 16LL * 1024 * 1024;
 
 // Whether a query may run on a read connection: it begins with SELECT or WITH, or it is the
 // read of the index generation ("PRAGMA user_version"). A WITH that writes passes here and

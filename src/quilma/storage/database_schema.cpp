@@ -107,6 +107,13 @@ std::string extractor_stamp_text(const std::map<std::string, std::int64_t>& vers
 }  // namespace detail
 
 void Database::create_schema() {
+  {
+    // A file that has every table needs no write lock, so opening it never waits for
+    // another process's write.
+    const std::lock_guard hold(lock_);
+    sqlite::Cursor cursor = connection().cursor();
+    if (core_schema::missing_tables(cursor).empty()) return;
+  }
   transaction([](sqlite::Cursor& cursor) { core_schema::create_tables(cursor); });
 }
 
@@ -148,7 +155,8 @@ void Database::rewrite_pages() {
 
   // Leaving WAL needs the file to itself. With readers_ empty, a query that comes meanwhile
   // goes to the writer and waits for the lock.
-  if (ReaderPool* readers = readers_.exchange(nullptr, std::memory_order_acq_rel)) {
+  if (const std::shared_ptr<ReaderPool> readers =
+          readers_.exchange(nullptr, std::memory_order_acq_rel)) {
     readers->close();
   }
   std::exception_ptr failure;
@@ -160,7 +168,7 @@ void Database::rewrite_pages() {
   sqlite::Cursor cursor = writer.cursor();
   const std::string mode = detail::journal_mode(cursor.execute("PRAGMA journal_mode").fetchone());
   cursor.close();
-  set_readers(open_readers(mode));
+  readers_.store(open_readers(mode), std::memory_order_release);
   if (failure) std::rethrow_exception(failure);
 }
 

@@ -53,8 +53,9 @@ void rewrite_pages(sqlite::Connection& connection, const std::filesystem::path& 
   std::exception_ptr failure;
   try {
     cursor.execute("PRAGMA page_size=" + std::to_string(PAGE_SIZE));
-    // A VACUUM copies the file through its journal, so a failure leaves it as it was. It
-    // also applies the auto-vacuum mode that connect() requested.
+    // A VACUUM copies the file through its journal, so a failure leaves it as it was; it
+    // applies the page size and the auto-vacuum mode requested before it.
+    cursor.execute("PRAGMA auto_vacuum=INCREMENTAL");
     cursor.execute("VACUUM");
     detail::log(*logger(), spdlog::level::info, "Rewrote %s with %d-byte pages", path, PAGE_SIZE);
   } catch (const sqlite::OperationalError& error) {
