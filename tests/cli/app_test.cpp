@@ -2,6 +2,7 @@
 // through the same entry point as the executable.
 #include "quilma/cli/app.h"
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -10,7 +11,10 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include "support/fault_vfs.h"
 #include "support/temp_dir.h"
@@ -159,6 +163,27 @@ TEST_F(IndexedRepoTest, StoppedOrFailedRunLeavesPreviousIndex) {
   EXPECT_EQ(in_repo({"search", "renamedIdentifier"}).out, "");
   EXPECT_EQ(in_repo({"generation"}).out, "1\n");
   EXPECT_EQ(database_dir(), std::vector<std::string>{"index.db"});
+}
+
+TEST_F(IndexedRepoTest, ARunRemovesTheStagingFilesOfRunsThatDidNotEnd) {
+  const fs::path dir = repo_ / "memory/codebase-index";
+  for (const char* name : {"index.db.staging-dead01", "index.db.staging-dead01-wal",
+                           "index.db.staging-dead02-wal", "index.db.staging-live01"}) {
+    write(dir / name, std::string(4096, 'x'));
+  }
+  // A run still going holds its staging file.
+  const int live = ::open((dir / "index.db.staging-live01").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::flock(live, LOCK_EX), 0);
+  const Result indexed = in_repo({"index"});
+  ::close(live);
+  ASSERT_EQ(indexed.status, 0) << indexed.err;
+  EXPECT_NE(indexed.err.find("removed " + (dir / "index.db.staging-dead01").string() +
+                             " (0.0 MiB), left by an indexing run that did not end"),
+            std::string::npos)
+      << indexed.err;
+  std::vector<std::string> left = database_dir();
+  std::sort(left.begin(), left.end());
+  EXPECT_EQ(left, (std::vector<std::string>{"index.db", "index.db.staging-live01"}));
 }
 
 TEST(AppTest, BadUsageAndFailedOperations) {

@@ -1,6 +1,8 @@
 // The forced full re-index: list, build a staging database, swap it in, clean up.
 #include "quilma/cli/indexer.h"
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
@@ -9,7 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include "quilma/cli/repo_files.h"
@@ -36,25 +40,39 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+constexpr std::array<const char*, 3> SIDE_FILES = {"-wal", "-shm", "-journal"};
+
+void remove_with_side_files(const fs::path& path) {
+  std::error_code ignored;
+  fs::remove(path, ignored);
+  for (const char* suffix : SIDE_FILES) fs::remove(path.string() + suffix, ignored);
+}
+
 // A staging database file with a name of its own, removed (with its log and shared memory)
-// when the object goes, however the run ends.
+// when the object goes, however the run ends. The run holds an exclusive flock() on it for its
+// whole life, which the kernel drops when the process ends however it ends: a staging file
+// that nobody holds is a killed run's leftover. (SQLite's own locks are fcntl() locks, which
+// do not interact with flock() on Linux.)
 class StagingFile {
  public:
   explicit StagingFile(const fs::path& database) {
     std::string pattern = database.string() + std::string(STAGING_INFIX) + "XXXXXX";
-    const int fd = ::mkstemp(pattern.data());
-    if (fd < 0) {
+    fd_ = ::mkstemp(pattern.data());
+    if (fd_ < 0) {
       throw std::system_error(errno, std::generic_category(),
                               "cannot create a staging database beside " + database.string());
     }
-    ::close(fd);
     path_ = pattern;
+    if (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
+      const int error = errno;
+      ::close(fd_);
+      remove_with_side_files(path_);
+      throw std::system_error(error, std::generic_category(), "cannot lock " + path_.string());
+    }
   }
   ~StagingFile() {
-    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) {
-      std::error_code ignored;
-      fs::remove(path_.string() + suffix, ignored);
-    }
+    remove_with_side_files(path_);
+    ::close(fd_);  // the lock goes only once the files are gone
   }
   StagingFile(const StagingFile&) = delete;
   StagingFile& operator=(const StagingFile&) = delete;
@@ -62,7 +80,17 @@ class StagingFile {
 
  private:
   fs::path path_;
+  int fd_ = -1;
 };
+
+// Whether a run holds the staging file at `path`; false for a file that is not there.
+bool held_by_a_run(const fs::path& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return false;
+  const bool held = ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  ::close(fd);  // lets go of the lock, if it was taken
+  return held;
+}
 
 void check_stop(const IndexRequest& request) {
   if (request.stop != nullptr && request.stop->load()) throw Interrupted();
@@ -128,6 +156,35 @@ std::string utc_now() {
 
 }  // namespace
 
+std::vector<LeftOver> remove_leftover_staging(const fs::path& database) {
+  const std::string prefix = database.filename().string() + std::string(STAGING_INFIX);
+  std::vector<LeftOver> removed;
+  std::error_code failure;
+  for (const fs::directory_entry& entry : fs::directory_iterator(database.parent_path(), failure)) {
+    std::string name = entry.path().filename().string();
+    if (!name.starts_with(prefix)) continue;
+    // A log or shared memory left without its database counts as the database's leftover.
+    for (const std::string_view suffix : SIDE_FILES) {
+      if (name.ends_with(suffix)) name.resize(name.size() - suffix.size());
+    }
+    const fs::path staging = entry.path().parent_path() / name;
+    if (std::any_of(removed.begin(), removed.end(),
+                    [&](const LeftOver& done) { return done.path == staging; }) ||
+        held_by_a_run(staging)) {
+      continue;
+    }
+    LeftOver leftover{.path = staging, .bytes = 0};
+    for (const std::string& path : {staging.string(), staging.string() + "-wal"}) {
+      std::error_code ignored;
+      const std::uintmax_t size = fs::file_size(path, ignored);
+      if (!ignored) leftover.bytes += size;
+    }
+    remove_with_side_files(staging);
+    removed.push_back(std::move(leftover));
+  }
+  return removed;
+}
+
 void open_database(storage::Database& db) {
   db.connect();
   db.create_schema();
@@ -145,6 +202,11 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress) {
   check_stop(request);
 
   fs::create_directories(request.database.parent_path());
+  for (const LeftOver& leftover : remove_leftover_staging(request.database)) {
+    progress.note(fmt::format("removed {} ({:.1f} MiB), left by an indexing run that did not end",
+                              leftover.path.string(),
+                              static_cast<double>(leftover.bytes) / (1024.0 * 1024.0)));
+  }
   const StagingFile staging_file(request.database);
   const Clock::time_point build_started = Clock::now();
   {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <stdexcept>
+#include <vector>
 
 #include "quilma/cli/progress.h"
 #include "quilma/storage/database.h"
@@ -44,6 +45,14 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress);
 
 // The staging databases of `database`: "<database>.staging-" and a suffix unique to one run.
 inline constexpr std::string_view STAGING_INFIX = ".staging-";
+
+// Removes the staging databases of `database` (with their logs) that no running index holds:
+// those of runs that were killed or hung up. Returns what it removed.
+struct LeftOver {
+  std::filesystem::path path;
+  std::uintmax_t bytes = 0;  // the database and its log
+};
+std::vector<LeftOver> remove_leftover_staging(const std::filesystem::path& database);
 
 // Opens `db` with the service's full open sequence: connect, create and migrate the schema.
 void open_database(storage::Database& db);

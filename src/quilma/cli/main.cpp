@@ -1,4 +1,5 @@
-// The quilma-db executable: the command line, with Ctrl-C turned into a clean stop.
+// The quilma-db executable: the command line, with Ctrl-C, SIGTERM and SIGHUP turned into a
+// clean stop.
 #include <atomic>
 #include <csignal>
 #include <iostream>
@@ -25,6 +26,7 @@ int main(int argc, char** argv) {
   sigemptyset(&action.sa_mask);
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGHUP, &action, nullptr);  // a closed terminal stops a run as cleanly
 
   std::ios::sync_with_stdio(false);
   const quilma::cli::Io io{std::cout, std::cerr, ::isatty(STDOUT_FILENO) == 1,
