@@ -1,5 +1,8 @@
 // B1 and B2: queries through Database::fetchone (on the reader pool) against the raw C API
-// doing the same work on the same file, in autocommit.
+// doing the same work on the same file, in autocommit. B7: twenty point queries in one
+// Database::read against the C API running them in one read transaction, and against twenty
+// separate fetchone calls (and the C API running them in autocommit, which bounds what one
+// read transaction can save).
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -175,6 +178,64 @@ class RawRotation {
   std::size_t next_ = 0;
 };
 
+// B7: one request answered by READ_QUERIES point queries on one snapshot.
+constexpr int READ_QUERIES = 20;
+
+class DatabaseSnapshot {
+ public:
+  void run() {
+    db_.read([this](sqlite::Cursor& cursor) {
+      for (int i = 0; i < READ_QUERIES; ++i) {
+        auto row = cursor.execute(POINT_QUERY, {ids_[next_++ % ids_.size()]}).fetchone();
+        benchmark::DoNotOptimize(row);
+      }
+    });
+  }
+
+ private:
+  storage::Database& db_ = Environment::get().db;
+  const std::vector<std::int64_t>& ids_ = lookup_ids();
+  std::size_t next_ = 0;
+};
+
+// The same queries each in a read transaction of its own.
+template <class Point>
+class Separate {
+ public:
+  void run() {
+    for (int i = 0; i < READ_QUERIES; ++i) point_.run();
+  }
+
+ private:
+  Point point_;
+};
+
+class RawSnapshot {
+ public:
+  RawSnapshot()
+      : begin_(prepare(Environment::get().raw, "BEGIN", true)),
+        end_(prepare(Environment::get().raw, "COMMIT", true)) {}
+  ~RawSnapshot() {
+    sqlite3_finalize(begin_);
+    sqlite3_finalize(end_);
+  }
+  RawSnapshot(const RawSnapshot&) = delete;
+  RawSnapshot& operator=(const RawSnapshot&) = delete;
+
+  void run() {
+    sqlite3_step(begin_);
+    sqlite3_reset(begin_);
+    for (int i = 0; i < READ_QUERIES; ++i) point_.run();
+    sqlite3_step(end_);
+    sqlite3_reset(end_);
+  }
+
+ private:
+  sqlite3_stmt* begin_;
+  sqlite3_stmt* end_;
+  RawPoint point_;
+};
+
 template <class Workload, class... Args>
 void single(benchmark::State& state, Args... args) {
   Workload workload(args...);
@@ -194,7 +255,17 @@ void B2_Rotation_Paired(benchmark::State& state) {
   paired(state, ours, {"raw_prepared", "raw_prepare_each"}, prepared, prepare_each);
 }
 
+void B7_ReadSnapshot_Paired(benchmark::State& state) {
+  DatabaseSnapshot ours;
+  RawSnapshot raw;
+  Separate<DatabasePoint> separate;
+  Separate<RawPoint> raw_separate;  // what one read transaction saves at best
+  paired<20>(state, ours, {"raw", "separate_fetchone", "raw_separate"}, raw, separate,
+             raw_separate);
+}
+
 BENCHMARK(B1_PointQuery_Paired)->Iterations(400)->Repetitions(1);
+BENCHMARK(B7_ReadSnapshot_Paired)->Iterations(300)->Repetitions(1);
 BENCHMARK(B2_Rotation_Paired)->Iterations(300)->Repetitions(1);
 void B1_PointQuery_Database(benchmark::State& state) { single<DatabasePoint>(state); }
 void B1_PointQuery_RawC(benchmark::State& state) { single<RawPoint>(state); }
