@@ -20,7 +20,7 @@ class DatabaseTestPeer {
   static std::thread::id tx_owner(const Database& db) { return db.tx_owner_.load(); }
   static std::shared_ptr<ReaderPool> readers(const Database& db) { return db.readers_.load(); }
   static std::shared_ptr<ReaderPool> set_readers(Database& db, std::shared_ptr<ReaderPool> pool) {
-    db.readers_.store(pool);
+    db.readers_.exchange(pool);
     return pool;
   }
   static ConnectionLock& lock(Database& db) { return db.lock_; }

@@ -278,7 +278,25 @@ class Database {
   std::atomic<bool> closed_{false};
   // The pool that queries lease from, or none; read without the lock. A query keeps the pool
   // it loaded alive until it is done with it, even when the pool was closed or replaced.
-  std::atomic<std::shared_ptr<ReaderPool>> readers_;
+  class PoolSlot {
+   public:
+    std::shared_ptr<ReaderPool> load() const {
+      const std::lock_guard hold(mutex_);
+      return pool_;
+    }
+    std::shared_ptr<ReaderPool> exchange(std::shared_ptr<ReaderPool> pool) {
+      const std::lock_guard hold(mutex_);
+      pool_.swap(pool);
+      return pool;
+    }
+
+   private:
+    // Held for a copy of the pointer only. Not std::atomic<std::shared_ptr>: libstdc++ 12
+    // guards that with a lock bit that ThreadSanitizer cannot see.
+    mutable std::mutex mutex_;
+    std::shared_ptr<ReaderPool> pool_;
+  };
+  PoolSlot readers_;
   // The thread whose outermost transaction is open. Written under lock_; read without it,
   // and it holds a thread's own id only while that thread's transaction is open.
   std::atomic<std::thread::id> tx_owner_{};

@@ -156,7 +156,7 @@ void Database::connect() {
     replaced_writer = std::exchange(writer_, std::move(writer));
     connection_.store(writer_.get(), std::memory_order_release);
     closed_.store(false, std::memory_order_release);
-    replaced_readers = readers_.exchange(std::move(opened), std::memory_order_acq_rel);
+    replaced_readers = readers_.exchange(std::move(opened));
   }
   // A query that loaded the replaced pool keeps it alive, finds it closed at its lease (or
   // finishes first: close() waits for it) and takes the writer's path.
@@ -172,14 +172,14 @@ std::shared_ptr<ReaderPool> Database::open_readers(std::string_view journal_mode
 }
 
 void Database::close() {
-  if (const std::shared_ptr<ReaderPool> pool = readers_.load(std::memory_order_acquire)) {
+  if (const std::shared_ptr<ReaderPool> pool = readers_.load()) {
     pool->close();
   }
   // Closing the writer under a statement that another thread runs on it would crash that
   // thread: wait for it.
   const std::lock_guard hold(lock_);
   // A page rewrite or a connect() that held the lock meanwhile may have opened a new pool.
-  if (const std::shared_ptr<ReaderPool> pool = readers_.load(std::memory_order_acquire)) {
+  if (const std::shared_ptr<ReaderPool> pool = readers_.load()) {
     pool->close();
   }
   if (connection_.load(std::memory_order_acquire) != nullptr) {
@@ -275,7 +275,7 @@ std::shared_ptr<ReaderPool> Database::readers_for(std::string_view sql) const {
   // A thread inside its own transaction must see what it has written so far.
   if (tx_owner_.load(std::memory_order_acquire) == std::this_thread::get_id()) return nullptr;
   if (!detail::is_read_statement(sql)) return nullptr;
-  return readers_.load(std::memory_order_acquire);
+  return readers_.load();
 }
 
 template <class Fetch>
@@ -311,7 +311,7 @@ std::vector<sqlite::Row> Database::fetchall(std::string_view sql, const sqlite::
 
 Database::Snapshot::Snapshot(Database& db) : db_(db) {
   if (db_.tx_owner_.load(std::memory_order_acquire) != std::this_thread::get_id()) {
-    pool_ = db_.readers_.load(std::memory_order_acquire);
+    pool_ = db_.readers_.load();
     if (pool_ && begin_on_reader()) return;
     pool_.reset();
   }

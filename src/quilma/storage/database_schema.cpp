@@ -155,8 +155,7 @@ void Database::rewrite_pages() {
 
   // Leaving WAL needs the file to itself. With readers_ empty, a query that comes meanwhile
   // goes to the writer and waits for the lock.
-  if (const std::shared_ptr<ReaderPool> readers =
-          readers_.exchange(nullptr, std::memory_order_acq_rel)) {
+  if (const std::shared_ptr<ReaderPool> readers = readers_.exchange(nullptr)) {
     readers->close();
   }
   std::exception_ptr failure;
@@ -168,7 +167,7 @@ void Database::rewrite_pages() {
   sqlite::Cursor cursor = writer.cursor();
   const std::string mode = detail::journal_mode(cursor.execute("PRAGMA journal_mode").fetchone());
   cursor.close();
-  readers_.store(open_readers(mode), std::memory_order_release);
+  readers_.exchange(open_readers(mode));
   if (failure) std::rethrow_exception(failure);
 }
 

@@ -260,7 +260,7 @@ Compaction Database::convert_to_incremental(const detail::Space& measured) {
                                " MiB; its free pages stay until the index file is rebuilt");
   }
   // The VACUUM holds the lock throughout; only read connections keep queries going meanwhile.
-  if (!readers_.load(std::memory_order_acquire)) {
+  if (!readers_.load()) {
     return skip_compaction(
         "readers", "no read connections: a query would wait for the lock the conversion holds");
   }
