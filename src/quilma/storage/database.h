@@ -255,6 +255,11 @@ class Database {
   // Writes the log into the file and empties it, which is what shortens a file in WAL mode.
   // The caller holds the lock.
   void shrink_file(sqlite::Connection& connection);
+  // Copies the whole log into the file and empties it, waiting up to the busy timeout for
+  // readers on older snapshots, on a connection of its own so that the writer stays free
+  // meanwhile. A log that readers kept from starting over would otherwise grow by every large
+  // transaction. Errors are logged at DEBUG, never raised: the log is emptied next time.
+  void empty_log() noexcept;
   // Rewrites a file made without auto-vacuum once, in incremental mode; `measured` is the
   // caller's measurement of it. Called without the lock.
   Compaction convert_to_incremental(const detail::Space& measured);

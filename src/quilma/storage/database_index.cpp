@@ -165,7 +165,8 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
   detail::log(*database_logger(), spdlog::level::info,
               "swap_index_from: replaced live index from %s (rows inserted: %s)",
               staging_path.string(), detail::counts_text(inserted));
-  compact();  // what it did, or why not, it reports itself
+  compact();    // what it did, or why not, it reports itself
+  empty_log();  // the swap wrote the whole index into it
   return inserted;
 }
 

@@ -239,6 +239,17 @@ void Database::shrink_file(sqlite::Connection& connection) {
   }
 }
 
+void Database::empty_log() noexcept {
+  try {
+    sqlite::Connection own(db_path_,
+                           sqlite::OpenOptions{.busy_timeout = detail::WRITER_BUSY_TIMEOUT});
+    own.cursor().execute("PRAGMA wal_checkpoint(TRUNCATE)").fetchall();
+  } catch (const std::exception& error) {
+    detail::log(*database_logger(), spdlog::level::debug, "Checkpoint of %s not completed: %s",
+                db_path_.string(), error.what());
+  }
+}
+
 void Database::vacuum(sqlite::Connection& connection) {
   sqlite::Cursor cursor = connection.cursor();
   // The mode takes effect through the VACUUM that follows.
