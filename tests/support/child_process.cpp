@@ -49,7 +49,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& args) {
 ChildProcess::~ChildProcess() {
   if (pid_ > 0) {
     kill(SIGKILL);
-    wait();
+    try {
+      wait();
+    } catch (const std::system_error&) {  // not ours to reap any more
+    }
   }
   close_input();
   if (output_ >= 0) ::close(output_);
