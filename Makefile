@@ -1,5 +1,5 @@
 # Friendly front for the CMake presets. Every target installs what is missing first.
-.PHONY: all deps run test check asan tsan bench bench-index lint format clean
+.PHONY: all deps run test check asan tsan stress bench bench-index lint format clean
 
 all: test
 
@@ -30,6 +30,14 @@ tsan: deps
 	ctest --preset tsan
 
 check: test asan tsan
+
+# The long runs: processes killed at 100 points of each long operation; the service's
+# processes on one index file for ten minutes, with builds of 5000 files (about 14 MiB).
+stress: deps
+	cmake --preset default
+	cmake --build --preset default
+	QUILMA_CRASH_POINTS=100 build/default/tests/crash/crash_test
+	QUILMA_STRESS_SECONDS=600 QUILMA_STRESS_FILES=5000 build/default/tests/stress/storage_stress_test
 
 bench: deps
 	cmake --preset default
