@@ -1,6 +1,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <latch>
 #include <mutex>
 #include <string>
@@ -182,24 +183,35 @@ TEST(ReleaseTest, AWriterWaitsForOneStepAtMost) {
       static_cast<int>(std::chrono::duration_cast<std::chrono::microseconds>(longest).count()));
 }
 
-TEST(ShrinkTest, AReaderOnAnOlderSnapshotPostponesTheShrink) {
+TEST(ShrinkTest, WaitsForReadersOnOlderSnapshotsWithTheWriterFree) {
+  using namespace std::chrono_literals;
   testing::TempDir dir;
   Database db(dir / "index.db");
   db.connect();
   db.execute("CREATE TABLE t (n INTEGER)");
-  db.execute("INSERT INTO t VALUES (1)");
   const testing::LogCapture log;
-  DatabaseTestPeer::shrink_file(db);
-  EXPECT_TRUE(log.lines().empty());
-
   sqlite::Connection reader(dir / "index.db", {.read_only = true});
   sqlite::Cursor snapshot = reader.cursor();
-  snapshot.execute("BEGIN");
-  snapshot.execute("SELECT COUNT(*) FROM t").fetchall();
-  db.execute("INSERT INTO t VALUES (2)");
-  const auto asked = std::chrono::steady_clock::now();
-  DatabaseTestPeer::shrink_file(db);
-  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(2));  // no busy wait
+  const auto hold_snapshot = [&] {
+    snapshot.execute("BEGIN");
+    snapshot.execute("SELECT COUNT(*) FROM t").fetchall();
+    db.execute("INSERT INTO t VALUES (1)");  // a frame the reader must not see copied over
+  };
+
+  hold_snapshot();  // for about a second
+  std::future<bool> shrunk =
+      std::async(std::launch::async, [&] { return DatabaseTestPeer::shrink_file(db, 5s); });
+  std::this_thread::sleep_for(300ms);
+  db.execute("INSERT INTO t VALUES (2)");  // the writer is free while the shrink waits
+  std::this_thread::sleep_for(700ms);
+  EXPECT_EQ(shrunk.wait_for(0s), std::future_status::timeout);
+  snapshot.execute("ROLLBACK");
+  EXPECT_TRUE(shrunk.get());
+  EXPECT_EQ(std::filesystem::file_size(dir / "index.db-wal"), 0U);
+  EXPECT_TRUE(log.lines().empty());
+
+  hold_snapshot();  // past the patience
+  EXPECT_FALSE(DatabaseTestPeer::shrink_file(db, 100ms));
   EXPECT_THAT(log.lines(),
               ElementsAre(LogLine{INFO, "Compaction of " + (dir / "index.db").string() +
                                             ": a reader still uses an older snapshot, so the "

@@ -30,9 +30,8 @@ class DatabaseTestPeer {
   }
   static detail::Space space(sqlite::Connection& connection) { return Database::space(connection); }
   static std::int64_t release_free_pages(Database& db) { return db.release_free_pages(); }
-  static void shrink_file(Database& db) {
-    const std::lock_guard hold(db.lock_);
-    db.shrink_file(db.connection());
+  static bool shrink_file(Database& db, std::chrono::milliseconds patience) {
+    return db.shrink_file(patience);
   }
   static Compaction convert_to_incremental(Database& db, const detail::Space& measured) {
     return db.convert_to_incremental(measured);

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -80,7 +81,9 @@ std::shared_ptr<spdlog::logger> database_logger();
 
 namespace detail {
 struct Space;
-}
+// How long a statement on the writer waits for another process's lock on the file.
+inline constexpr std::chrono::milliseconds WRITER_BUSY_TIMEOUT{5000};
+}  // namespace detail
 
 class Database {
  public:
@@ -252,14 +255,12 @@ class Database {
   // Takes pages off the free list in steps of COMPACT_STEP_PAGES, taking the lock for each
   // step: the caller must not hold it. Returns how many went back to the file system.
   std::int64_t release_free_pages();
-  // Writes the log into the file and empties it, which is what shortens a file in WAL mode.
-  // The caller holds the lock.
-  void shrink_file(sqlite::Connection& connection);
-  // Copies the whole log into the file and empties it, waiting up to the busy timeout for
-  // readers on older snapshots, on a connection of its own so that the writer stays free
-  // meanwhile. A log that readers kept from starting over would otherwise grow by every large
-  // transaction. Errors are logged at DEBUG, never raised: the log is emptied next time.
-  void empty_log() noexcept;
+  // Writes the log into the file and empties it, which is what shortens a file in WAL mode,
+  // waiting up to `patience` for readers on older snapshots to move on; logs at INFO when
+  // one still holds it then. Runs on a connection of its own, and the caller must not hold
+  // the lock: the writer stays free while it waits, and neither it nor SQLite's write lock
+  // is held between attempts. Returns whether the log was emptied; SQLite's errors propagate.
+  bool shrink_file(std::chrono::milliseconds patience = detail::WRITER_BUSY_TIMEOUT);
   // Rewrites a file made without auto-vacuum once, in incremental mode; `measured` is the
   // caller's measurement of it. Called without the lock.
   Compaction convert_to_incremental(const detail::Space& measured);

@@ -20,8 +20,6 @@ namespace quilma::storage::detail {
 inline constexpr std::string_view READERS_ENV = "QUILMA_DB_READERS";
 inline constexpr int DEFAULT_READERS = 6;
 inline constexpr int MAX_READERS = 32;
-// How long a statement on the writer waits for another process's lock on the file.
-inline constexpr std::chrono::milliseconds WRITER_BUSY_TIMEOUT{5000};
 // The size, in bytes, that the writer's log is cut back to whenever a checkpoint has copied
 // all of it into the file, however large a swap or a VACUUM made it.
 inline constexpr std::int64_t JOURNAL_SIZE_LIMIT = 16LL * 1024 * 1024;

@@ -165,8 +165,11 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
   detail::log(*database_logger(), spdlog::level::info,
               "swap_index_from: replaced live index from %s (rows inserted: %s)",
               staging_path.string(), detail::counts_text(inserted));
-  compact();    // what it did, or why not, it reports itself
-  empty_log();  // the swap wrote the whole index into it
+  compact();  // what it did, or why not, it reports itself
+  try {
+    shrink_file();                  // the swap wrote the whole index into the log
+  } catch (const sqlite::Error&) {  // maintenance: the next checkpoint empties it
+  }
   return inserted;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <limits>
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -175,12 +176,7 @@ Compaction Database::compact_unguarded() {
   const auto started = std::chrono::steady_clock::now();
   const std::int64_t mib_before = file_mib(db_path_);
   const std::int64_t released = release_free_pages();
-  {
-    const std::lock_guard hold(lock_);
-    if (sqlite::Connection* writer = connection_.load(std::memory_order_acquire)) {
-      shrink_file(*writer);
-    }
-  }
+  shrink_file();
   detail::log(*database_logger(), spdlog::level::info,
               "Compacted %s: %d free pages released (%d -> %d MiB) in %.1fs", db_path_.string(),
               released, mib_before, file_mib(db_path_), seconds_since(started));
@@ -190,6 +186,34 @@ Compaction Database::compact_unguarded() {
 std::int64_t Database::release_free_pages() {
   static const std::string release_step =
       "PRAGMA incremental_vacuum(" + std::to_string(COMPACT_STEP_PAGES) + ")";
+  // A step's commit would run SQLite's automatic checkpoint under the lock whenever the log
+  // has passed its threshold, copying a thousand pages or more while the writer waits. The
+  // steps leave their pages in the log instead, and shrink_file() copies them afterwards,
+  // without the lock.
+  std::optional<std::int64_t> automatic;
+  {
+    const std::lock_guard hold(lock_);
+    if (sqlite::Connection* writer = connection_.load(std::memory_order_acquire)) {
+      sqlite::Cursor cursor = writer->cursor();
+      automatic = read_int(cursor, "PRAGMA wal_autocheckpoint");
+      cursor.execute("PRAGMA wal_autocheckpoint=0");
+    }
+  }
+  struct Restore {
+    Database& db;
+    std::optional<std::int64_t> pages;
+    ~Restore() {
+      if (!pages) return;
+      const std::lock_guard hold(db.lock_);
+      // A writer opened by a connect() meanwhile has its own setting already.
+      if (sqlite::Connection* writer = db.connection_.load(std::memory_order_acquire)) {
+        try {
+          writer->cursor().execute("PRAGMA wal_autocheckpoint=" + std::to_string(*pages));
+        } catch (const sqlite::Error&) {  // a closed writer: nothing to restore
+        }
+      }
+    }
+  } restore{*this, automatic};
   std::int64_t released = 0;
   for (;;) {
     std::int64_t free = 0;
@@ -213,41 +237,29 @@ std::int64_t Database::release_free_pages() {
   return released;
 }
 
-void Database::shrink_file(sqlite::Connection& connection) {
-  // A checkpoint that must wait for readers would wait for the busy timeout while holding
-  // the lock; one that cannot finish now leaves the file to shrink at a later checkpoint.
-  struct NoBusyWait {
-    sqlite3* handle;
-    explicit NoBusyWait(sqlite3* db) : handle(db) { sqlite3_busy_timeout(handle, 0); }
-    ~NoBusyWait() {
-      sqlite3_busy_timeout(handle, static_cast<int>(detail::WRITER_BUSY_TIMEOUT.count()));
-    }
-    NoBusyWait(const NoBusyWait&) = delete;
-    NoBusyWait& operator=(const NoBusyWait&) = delete;
-  };
-  std::int64_t busy = 0;
-  {
-    const NoBusyWait no_wait(connection.handle());
-    sqlite::Cursor cursor = connection.cursor();
-    busy = read_int(cursor, "PRAGMA wal_checkpoint(TRUNCATE)");
-  }
-  if (busy != 0) {
-    detail::log(*database_logger(), spdlog::level::info,
-                "Compaction of %s: a reader still uses an older snapshot, so the file shrinks at "
-                "a later checkpoint",
-                db_path_.string());
-  }
-}
+namespace {
+// How long shrink_file() sleeps between attempts while a reader holds an older snapshot.
+constexpr std::chrono::milliseconds CHECKPOINT_RETRY{10};
+}  // namespace
 
-void Database::empty_log() noexcept {
-  try {
-    sqlite::Connection own(db_path_,
-                           sqlite::OpenOptions{.busy_timeout = detail::WRITER_BUSY_TIMEOUT});
-    own.cursor().execute("PRAGMA wal_checkpoint(TRUNCATE)").fetchall();
-  } catch (const std::exception& error) {
-    detail::log(*database_logger(), spdlog::level::debug, "Checkpoint of %s not completed: %s",
-                db_path_.string(), error.what());
+bool Database::shrink_file(std::chrono::milliseconds patience) {
+  // SQLite's own wait (the busy handler) would hold the write lock while readers finish; this
+  // one retries with nothing held, so other writers go on meanwhile.
+  sqlite::Connection own(db_path_,
+                         sqlite::OpenOptions{.busy_timeout = std::chrono::milliseconds(0)});
+  sqlite::Cursor cursor = own.cursor();
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (read_int(cursor, "PRAGMA wal_checkpoint(TRUNCATE)") != 0) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      detail::log(*database_logger(), spdlog::level::info,
+                  "Compaction of %s: a reader still uses an older snapshot, so the file shrinks at "
+                  "a later checkpoint",
+                  db_path_.string());
+      return false;
+    }
+    std::this_thread::sleep_for(CHECKPOINT_RETRY);
   }
+  return true;
 }
 
 void Database::vacuum(sqlite::Connection& connection) {
@@ -290,12 +302,17 @@ Compaction Database::convert_to_incremental(const detail::Space& measured) {
     // Another thread may have converted the file since the caller measured it.
     if (space(*writer).mode != detail::AUTO_VACUUM_NONE) return {};
     vacuum(*writer);
-    shrink_file(*writer);
     after = space(*writer);
   } catch (const sqlite::Error&) {
     conversion_failed_.store(true, std::memory_order_release);
     throw;
   } catch (const std::system_error&) {
+    conversion_failed_.store(true, std::memory_order_release);
+    throw;
+  }
+  try {
+    shrink_file();  // the VACUUM wrote the whole file into the log
+  } catch (const sqlite::Error&) {
     conversion_failed_.store(true, std::memory_order_release);
     throw;
   }
