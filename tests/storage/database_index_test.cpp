@@ -236,8 +236,7 @@ TEST_F(IndexContentsTest, ClearAllEmptiesTheIndexTablesAndNothingElse) {
                           "'index_errors': 0})"));
   EXPECT_EQ(rows("code_chunks"), 0);
 
-  // An index built without chunks is cleared too.
-  db_.execute("DROP TRIGGER files_delete_chunks");
+  // An index whose chunks were dropped (which leaves their trigger behind) is cleared too.
   db_.execute("DROP TABLE code_chunks");
   db_.record_error("a.py", "io_error");
   db_.clear_all();
@@ -286,6 +285,8 @@ TEST_F(IndexContentsTest, SwapReplacesTheIndexWithTheStagingBuild) {
   EXPECT_EQ(rows("files WHERE id = 101 AND path = 'new1.py'"), 1);
   EXPECT_EQ(rows("code_chunks WHERE code_chunks MATCH 'new_fn' AND rowid / 1048576 = 102"), 1);
   EXPECT_EQ(rows("code_chunks WHERE code_chunks MATCH 'old_fn'"), 0);
+  db_.execute("DELETE FROM files WHERE id = 102");  // the chunk trigger is back
+  EXPECT_EQ(rows("code_chunks WHERE rowid / 1048576 = 102"), 0);
   EXPECT_EQ(rows("pending_references"), 1);
   EXPECT_EQ(rows("memories"), 1);
   EXPECT_EQ((*db_.fetchone("SELECT value FROM schema_info WHERE key = 'version'"))[0].as_text(),
@@ -297,7 +298,6 @@ TEST_F(IndexContentsTest, SwapReplacesTheIndexWithTheStagingBuild) {
   build_staging(staging_, [](sqlite::Cursor& cursor) { cursor.execute("DROP TABLE code_chunks"); });
   EXPECT_THAT(db_.swap_index_from(staging_).back(), Pair("index_errors", 1));
   EXPECT_EQ(rows("code_chunks"), 0);
-  db_.execute("DROP TRIGGER files_delete_chunks");
   db_.execute("DROP TABLE code_chunks");
   std::filesystem::remove(staging_);
   build_staging(staging_);
@@ -324,9 +324,31 @@ TEST_F(IndexContentsTest, AFailedSwapLeavesTheLiveIndexAsItWas) {
             "Staging database not found: " + staging_.string());
   unchanged();
 
+  // Refused before the live file is touched: not a database, a damaged page, rows that refer
+  // to rows the build lacks (the copy runs with foreign keys off).
+  const std::string refused = "Staging database " + staging_.string();
   std::ofstream(staging_) << "not a database, but long enough to have a header of its own......";
   EXPECT_EQ(error_of<sqlite::DatabaseError>([&] { db_.swap_index_from(staging_); }),
-            "file is not a database");
+            refused + " is damaged: file is not a database");
+  unchanged();
+  std::filesystem::remove(staging_);
+  build_staging(staging_);
+  {
+    std::fstream damage(staging_, std::ios::in | std::ios::out | std::ios::binary);
+    damage.seekp(2 * 8192);  // the third page: a table's root
+    damage << std::string(8192, '\xff');
+  }
+  EXPECT_THAT(error_of<sqlite::DatabaseError>([&] { db_.swap_index_from(staging_); }),
+              HasSubstr(refused + " is damaged: "));
+  unchanged();
+  std::filesystem::remove(staging_);
+  build_staging(staging_);
+  sqlite::Connection(staging_).cursor().execute(
+      "INSERT INTO symbols (id, file_id, name, kind) VALUES (7, 999, 'lost', 'function')");
+  EXPECT_EQ(
+      error_of<sqlite::IntegrityError>([&] { db_.swap_index_from(staging_); }),
+      refused +
+          " has 1 row(s) that refer to missing rows, the first in symbols (rowid 7, to files)");
   unchanged();
 
   std::filesystem::remove(staging_);

@@ -9,6 +9,7 @@
 
 #include "quilma/models/symbol.h"
 #include "quilma/sqlite/error.h"
+#include "quilma/storage/core_schema.h"
 #include "quilma/storage/database.h"
 #include "quilma/storage/database_detail.h"
 #include "quilma/storage/errors.h"
@@ -26,9 +27,62 @@ constexpr std::array<std::string_view, 6> CLEAR_ORDER = {
 constexpr std::array<std::string_view, 6> INSERT_ORDER = {
     "components", "files", "symbols", "edges", "external_imports", "index_errors"};
 
-void delete_index_rows(sqlite::Cursor& cursor) {
+// Empties code_chunks and the six index tables inside the caller's transaction; returns
+// whether the live file has code_chunks. The chunk trigger goes while the files are deleted
+// (the chunks are gone already): fired once per file it would cost a full-text lookup each,
+// and it keeps SQLite from emptying `files` in one step. It comes back only with the table it
+// deletes from: a file whose code_chunks was dropped without it could delete no file at all.
+bool empty_index(sqlite::Cursor& cursor) {
+  const bool chunks = detail::empty_code_chunks(cursor);
+  cursor.execute("DROP TRIGGER IF EXISTS files_delete_chunks");
   for (const std::string_view table : CLEAR_ORDER) {
     cursor.execute("DELETE FROM " + std::string(table));
+  }
+  if (chunks) migrations::run_ddl(cursor, core_schema::CHUNK_TRIGGER_DDL);
+  return chunks;
+}
+
+// The table's definition as the database attached under `schema` records it.
+std::optional<std::string> definition(sqlite::Cursor& cursor, std::string_view schema,
+                                      std::string_view table) {
+  const std::optional<sqlite::Row> row =
+      cursor
+          .execute("SELECT sql FROM " + std::string(schema) +
+                       ".sqlite_schema WHERE type = 'table' AND name = ?",
+                   {table})
+          .fetchone();
+  if (!row || (*row)[0].is_null()) return std::nullopt;
+  return (*row)[0].as_text();
+}
+
+// Refuses a staging file that is damaged or whose rows refer to rows it lacks, before the swap
+// takes any lock: its reading costs other processes no waiting. The swap copies with foreign
+// keys off, so the references are checked here instead.
+void check_staging(const std::filesystem::path& staging_path) {
+  const std::string name = staging_path.string();
+  sqlite::Connection staging(staging_path);
+  sqlite::Cursor cursor = staging.cursor();
+  std::vector<sqlite::Row> problems;
+  try {
+    problems = cursor.execute("PRAGMA quick_check").fetchall();
+  } catch (const sqlite::DatabaseError& error) {
+    sqlite::raise_error(error.extended_code(),
+                        "Staging database " + name + " is damaged: " + error.what());
+  }
+  if (problems.size() != 1 || problems[0][0].is_null() || problems[0][0].as_text() != "ok") {
+    const std::string first = problems.empty() || problems[0][0].is_null()
+                                  ? std::string("no result")
+                                  : problems[0][0].as_text();
+    sqlite::raise_error(SQLITE_CORRUPT, "Staging database " + name + " is damaged: " + first);
+  }
+  const std::vector<sqlite::Row> dangling = cursor.execute("PRAGMA foreign_key_check").fetchall();
+  if (!dangling.empty()) {
+    const sqlite::Row& first = dangling.front();
+    sqlite::raise_error(
+        SQLITE_CONSTRAINT_FOREIGNKEY,
+        "Staging database " + name + " has " + std::to_string(dangling.size()) +
+            " row(s) that refer to missing rows, the first in " + first[0].as_text() + " (rowid " +
+            (first[1].is_null() ? "?" : first[1].as_text()) + ", to " + first[2].as_text() + ")");
   }
 }
 
@@ -86,9 +140,7 @@ void Database::clear_all() {
           cursor.execute("SELECT COUNT(*) FROM " + std::string(table)).fetchone();
       removed.emplace_back(table, row ? (*row)[0].as_int() : 0);
     }
-    // First, so that the chunk trigger finds nothing to delete for the files deleted next.
-    detail::empty_code_chunks(cursor);
-    delete_index_rows(cursor);
+    empty_index(cursor);
   });
   detail::log(*database_logger(), spdlog::level::info,
               "clear_all: cleared all index data (rows removed: %s)", detail::counts_text(removed));
@@ -107,6 +159,7 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
     }
     throw FileNotFoundError("Staging database not found: " + staging_path.string());
   }
+  check_staging(staging_path);
   Counts inserted;
   {
     const std::lock_guard hold(lock_);
@@ -126,26 +179,42 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
       } catch (const sqlite::Error&) {
       }
     };
+    // Foreign keys stay off for the swap (they can only be switched outside a transaction):
+    // check_staging() has checked the references, and with them on SQLite checks each row
+    // and neither empties a table in one step nor copies one page by page.
+    writer.cursor().execute("PRAGMA foreign_keys=OFF");
+    auto restore = [&writer, &detach] {
+      try {
+        writer.cursor().execute("PRAGMA foreign_keys=ON");
+      } catch (const sqlite::Error&) {
+      }
+      detach();
+    };
     try {
       sqlite::Cursor reader = writer.cursor();
-      std::array<std::string, INSERT_ORDER.size()> columns;
+      // A staging table defined exactly as the live one is copied with SELECT *, which SQLite
+      // runs as a copy of the table's pages and its indexes' (the transfer optimisation);
+      // any other with the live table's column list, row by row.
+      std::array<std::string, INSERT_ORDER.size()> copies;
       for (std::size_t i = 0; i < INSERT_ORDER.size(); ++i) {
-        columns[i] = column_list(reader, INSERT_ORDER[i]);
+        const std::string table(INSERT_ORDER[i]);
+        const std::optional<std::string> live = definition(reader, "main", table);
+        if (live && live == definition(reader, "stg", table)) {
+          copies[i] = "INSERT INTO " + table + " SELECT * FROM stg." + table;
+        } else {
+          const std::string columns = column_list(reader, table);
+          copies[i] = "INSERT INTO " + table + " (" + columns + ") SELECT " + columns +
+                      " FROM stg." + table;
+        }
       }
       reader.close();
       inserted = transaction([&](sqlite::Cursor& cursor) {
         Counts counts;
         // The staging file is asked only when the live one has the table to fill.
-        const bool copy_chunks =
-            detail::empty_code_chunks(cursor) && detail::has_code_chunks(cursor, "stg");
-        delete_index_rows(cursor);
+        const bool copy_chunks = empty_index(cursor) && detail::has_code_chunks(cursor, "stg");
         for (std::size_t i = 0; i < INSERT_ORDER.size(); ++i) {
-          const std::string table(INSERT_ORDER[i]);
-          std::string sql = "INSERT INTO " + table;
-          sql.append(" (").append(columns[i]).append(") SELECT ").append(columns[i]);
-          sql.append(" FROM stg.").append(table);
-          cursor.execute(sql);
-          counts.emplace_back(table, inserted_rows(cursor));
+          cursor.execute(copies[i]);
+          counts.emplace_back(INSERT_ORDER[i], inserted_rows(cursor));
         }
         if (copy_chunks) {
           cursor.execute(
@@ -157,10 +226,10 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
         return counts;
       });
     } catch (...) {
-      detach();
+      restore();
       throw;
     }
-    detach();
+    restore();
   }
   detail::log(*database_logger(), spdlog::level::info,
               "swap_index_from: replaced live index from %s (rows inserted: %s)",
