@@ -112,6 +112,7 @@ TEST_F(DatabaseTest, ConnectCreatesTheDirectoryAndSetsUpTheWriter) {
   EXPECT_EQ(pragma("synchronous"), sqlite::Value(1));
   EXPECT_EQ(pragma("page_size"), sqlite::Value(8192));
   EXPECT_EQ(pragma("auto_vacuum"), sqlite::Value(2));
+  EXPECT_EQ(pragma("secure_delete"), sqlite::Value(2));  // FAST
   // The path functions are there on the writer and on the read connections alike.
   EXPECT_EQ(db_.execute("SELECT path_under('a/b', 'a')").fetchone().value()[0], sqlite::Value(1));
   EXPECT_EQ(db_.fetchone("SELECT path_glob('**/b', 'a/b')").value()[0], sqlite::Value(1));

@@ -140,6 +140,11 @@ void Database::connect() {
   const std::optional<sqlite::Row> mode = cursor.execute("PRAGMA journal_mode=WAL").fetchone();
   cursor.execute("PRAGMA foreign_keys=ON");
   cursor.execute("PRAGMA synchronous=NORMAL");
+  // Debian's SQLite zeroes every page it frees, which made dropping a large full-text table
+  // 20 times slower. The file holds the text of the repository it lives in, under the same
+  // permissions, and the compaction after a swap hands freed pages back to the file system
+  // unzeroed anyway; FAST still clears deleted rows in the pages that are written anyway.
+  cursor.execute("PRAGMA secure_delete=FAST");
   // A log that a long read kept from restarting shrinks back to this at the next checkpoint
   // that completes, instead of keeping its largest size on disk.
   cursor.execute("PRAGMA journal_size_limit=" + std::to_string(detail::JOURNAL_SIZE_LIMIT));
