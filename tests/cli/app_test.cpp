@@ -186,31 +186,57 @@ TEST_F(IndexedRepoTest, ARunRemovesTheStagingFilesOfRunsThatDidNotEnd) {
   EXPECT_EQ(left, (std::vector<std::string>{"index.db", "index.db.staging-live01"}));
 }
 
+TEST_F(IndexedRepoTest, NamesThatAreNotUtf8AndTheTextOfPlainAnswers) {
+  write(repo_ / "caf\xe9.py", "latinName = 1\n");
+  write(repo_ / "blob\xff.bin", std::string("\0\1\2", 3));
+  ASSERT_EQ(in_repo({"index", "-q"}).status, 0);
+  EXPECT_EQ(in_repo({"search", "latinName"}).out, "caf\\xe9.py:1: latinName = 1\n");
+  EXPECT_EQ(json::parse(in_repo({"search", "--json", "latinName"}).out)[0]["path"],
+            "caf\xef\xbf\xbd.py");  // U+FFFD
+  const json errors = json::parse(in_repo({"errors", "--json"}).out);
+  EXPECT_EQ(errors[1]["path"], "blob\xef\xbf\xbd.bin");
+  EXPECT_NE(in_repo({"errors"}).out.find("blob\\xff.bin: binary"), std::string::npos);
+
+  EXPECT_EQ(in_repo({"check"}).out, "ok\n");
+  EXPECT_EQ(in_repo({"compact"}).out,
+            "nothing to compact: fewer than 2048 free pages, or under 10% of the file, is left "
+            "for later\n");
+}
+
 TEST(AppTest, BadUsageAndFailedOperations) {
   testing::TempDir dir;
   const std::string empty = dir.path().string();
-  for (const std::vector<std::string>& usage :
-       std::vector<std::vector<std::string>>{{},
-                                             {"reindex"},
-                                             {"search"},
-                                             {"search", "x", empty, "--limit", "0"},
-                                             {"stamp", "python"},
-                                             {"stamp", "python=two"},
-                                             {"stamp", "python=1", "python=2"}}) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> usages = {
+      {{}, "A subcommand is required"},
+      {{"--db", "x.db", "reindex"}, "unknown command 'reindex'; the commands are: index search"},
+      {{"search"}, "QUERY is required"},
+      {{"search", "x", empty, "--limit", "0"},
+       "--limit takes a whole number of 1 or more, not '0'"},
+      {{"stamp", "python"}, "expected LANG=VERSION"},
+      {{"stamp", "python=two"}, "expected LANG=VERSION"},
+      {{"stamp", "python=1", "python=2"}, "language 'python' given twice"}};
+  for (const auto& [usage, said] : usages) {
     const Result result = quilma_db(usage);
     EXPECT_EQ(result.status, EXIT_USAGE) << ::testing::PrintToString(usage);
-    EXPECT_NE(result.err, "");
+    EXPECT_NE(result.err.find(said), std::string::npos) << result.err;
   }
   EXPECT_EQ(quilma_db({"--help"}).status, 0);
+  const Result version = quilma_db({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_TRUE(version.out.starts_with("quilma-db ")) << version.out;
 
   const Result missing = quilma_db({"stats", empty});
   EXPECT_EQ(missing.status, EXIT_FAILED);
   EXPECT_EQ(missing.err, "quilma-db: stats: no index at " + empty +
                              "/memory/codebase-index/index.db; run 'quilma-db index' first\n");
   EXPECT_FALSE(fs::exists(dir / "memory"));
-  const Result not_dir = quilma_db({"index", (dir / "nowhere").string()});
-  EXPECT_EQ(not_dir.status, EXIT_FAILED);
-  EXPECT_EQ(not_dir.err, "quilma-db: index: not a directory: " + (dir / "nowhere").string() + "\n");
+  const Result nowhere = quilma_db({"index", (dir / "nowhere").string()});
+  EXPECT_EQ(nowhere.status, EXIT_FAILED);
+  EXPECT_EQ(nowhere.err,
+            "quilma-db: index: no such directory: " + (dir / "nowhere").string() + "\n");
+  write(dir / "file", "");
+  EXPECT_EQ(quilma_db({"index", (dir / "file").string()}).err,
+            "quilma-db: index: not a directory: " + (dir / "file").string() + "\n");
 
   ASSERT_EQ(quilma_db({"index", "-q", empty}).status, 0);
   const Result malformed = quilma_db({"search", "std::vector", empty});
@@ -219,6 +245,9 @@ TEST(AppTest, BadUsageAndFailedOperations) {
             "quilma-db: malformed search query \"std::vector\" (no such column: std); put text "
             "with punctuation in double quotes, as in '\"std::vector\"'\n");
   EXPECT_EQ(quilma_db({"search", "\"std::vector\"", empty}).status, 0);
+  const Result unbalanced = quilma_db({"search", "\"open", empty});
+  EXPECT_EQ(unbalanced.status, EXIT_USAGE);
+  EXPECT_NE(unbalanced.err.find("close every double quote"), std::string::npos) << unbalanced.err;
   const Result no_staging = quilma_db({"swap", (dir / "absent.db").string(), empty});
   EXPECT_EQ(no_staging.status, EXIT_FAILED);
   EXPECT_EQ(no_staging.err,

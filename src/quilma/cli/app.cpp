@@ -3,6 +3,7 @@
 #include "quilma/cli/app.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <filesystem>
@@ -26,6 +27,7 @@
 #include "quilma/cli/search.h"
 #include "quilma/storage/database.h"
 #include "quilma/storage/log.h"
+#include "quilma/utils/utf8.h"
 
 namespace quilma::cli {
 
@@ -118,8 +120,10 @@ class Command {
     }
     open_database(db);
   }
-  int print(const json& value) const {
-    io_.out << value.dump(2) << '\n';
+  // A file name need not be UTF-8: such bytes come out as U+FFFD rather than failing the
+  // whole output.
+  int print_json(const json& value) const {
+    io_.out << value.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
     return 0;
   }
   template <class... Args>
@@ -138,6 +142,23 @@ class Command {
   const Io& io_;
 };
 
+// `name` for a terminal: a byte that is not part of UTF-8 is shown as \xNN, as git shows it,
+// instead of being written raw.
+std::string shown(std::string_view name) {
+  std::string text;
+  for (std::size_t at = 0; at < name.size();) {
+    char32_t code = 0;
+    const std::size_t length = utils::decode_utf8(name, at, code);
+    if (length == 0) {
+      text += fmt::format("\\x{:02x}", static_cast<unsigned char>(name[at++]));
+    } else {
+      text.append(name, at, length);
+      at += length;
+    }
+  }
+  return text;
+}
+
 json counts_json(const storage::Counts& counts) {
   json object = json::object();
   for (const auto& [name, count] : counts) object[name] = count;
@@ -154,27 +175,29 @@ std::string counts_text(const storage::Counts& counts) {
 
 int Command::index() {
   const fs::path root = repo();
+  if (!fs::exists(root)) throw std::runtime_error("no such directory: " + root.string());
   if (!fs::is_directory(root)) throw std::runtime_error("not a directory: " + root.string());
   const Progress::Mode mode = options_.quiet        ? Progress::Mode::Quiet
                               : io_.err_is_terminal ? Progress::Mode::Terminal
                                                     : Progress::Mode::Lines;
   Progress progress(io_.err, mode);
   const IndexReport report = index_repository({root, database(), io_.stop}, progress);
+  progress.clear_status();
   const double mib = static_cast<double>(report.bytes) / 1048576.0;
   const double seconds = report.total_seconds > 0 ? report.total_seconds : 1e-9;
   if (options_.json) {
-    return print(json{{"repository", root.string()},
-                      {"database", database().string()},
-                      {"listed_by", report.from_git ? "git" : "walk"},
-                      {"files", report.files},
-                      {"errors", report.errors},
-                      {"bytes", report.bytes},
-                      {"generation", report.generation},
-                      {"seconds",
-                       {{"list", report.list_seconds},
-                        {"build", report.build_seconds},
-                        {"swap", report.swap_seconds},
-                        {"total", report.total_seconds}}}});
+    return print_json(json{{"repository", root.string()},
+                           {"database", database().string()},
+                           {"listed_by", report.from_git ? "git" : "walk"},
+                           {"files", report.files},
+                           {"errors", report.errors},
+                           {"bytes", report.bytes},
+                           {"generation", report.generation},
+                           {"seconds",
+                            {{"list", report.list_seconds},
+                             {"build", report.build_seconds},
+                             {"swap", report.swap_seconds},
+                             {"total", report.total_seconds}}}});
   }
   const std::string left_out =
       report.errors == 0 ? ""
@@ -197,7 +220,7 @@ int Command::search() {
       list.push_back(
           {{"path", hit.path}, {"line", hit.line}, {"text", hit.text}, {"matches", hit.matches}});
     }
-    return print(list);
+    return print_json(list);
   }
   const bool marked = colour();
   for (const SearchHit& hit : hits) {
@@ -212,7 +235,7 @@ int Command::search() {
       at = end;
     }
     text.append(hit.text, at);
-    print("{}:{}: {}", hit.path, hit.line, text);
+    print("{}:{}: {}", shown(hit.path), hit.line, text);
   }
   return 0;
 }
@@ -226,7 +249,7 @@ int Command::stats() {
     json object = counts_json(counts);
     object["generation"] = generation;
     object["database"] = db.db_path().string();
-    return print(object);
+    return print_json(object);
   }
   print("{:<11}{}", "database", db.db_path().string());
   for (const auto& [name, count] : counts) print("{:<11}{}", name, count);
@@ -246,11 +269,11 @@ int Command::errors() {
                       {"message", row[2].is_null() ? json() : json(row[2].as_text())},
                       {"line", row[3].is_null() ? json() : json(row[3].as_int())}});
     }
-    return print(list);
+    return print_json(list);
   }
   for (const sqlite::Row& row : rows) {
-    const std::string where =
-        row[3].is_null() ? row[0].as_text() : row[0].as_text() + ":" + row[3].as_text();
+    const std::string path = shown(row[0].as_text());
+    const std::string where = row[3].is_null() ? path : path + ":" + row[3].as_text();
     print("{}: {}{}", where, row[1].as_text(),
           row[2].is_null() ? std::string() : ": " + row[2].as_text());
   }
@@ -261,7 +284,7 @@ int Command::check() {
   storage::Database db(database());
   open_existing(db);
   const bool ok = db.check_integrity();
-  if (options_.json) print(json{{"ok", ok}});
+  if (options_.json) print_json(json{{"ok", ok}});
   if (!ok) throw std::runtime_error("integrity check failed: " + db.db_path().string());
   return options_.json ? 0 : print("ok");
 }
@@ -271,30 +294,33 @@ int Command::compact() {
   open_existing(db);
   const storage::Compaction result = db.compact();
   if (options_.json) {
-    return print(json{{"converted", result.converted},
-                      {"pages_released", result.pages_released},
-                      {"skipped", result.skipped ? json(*result.skipped) : json()}});
+    return print_json(json{{"converted", result.converted},
+                           {"pages_released", result.pages_released},
+                           {"skipped", result.skipped ? json(*result.skipped) : json()}});
   }
   if (result.skipped) return print("not compacted: {}", *result.skipped);
   if (result.converted) {
     return print("converted to incremental auto-vacuum; released {} pages", result.pages_released);
   }
   if (result.pages_released > 0) return print("released {} pages", result.pages_released);
-  return print("nothing to compact");
+  return print(
+      "nothing to compact: fewer than {} free pages, or under {:.0f}% of the file, is left for "
+      "later",
+      storage::COMPACT_MIN_FREE_PAGES, storage::COMPACT_MIN_FREE_RATIO * 100);
 }
 
 int Command::generation() {
   storage::Database db(database());
   open_existing(db);
   const std::int64_t value = db.index_generation();
-  return options_.json ? print(json{{"generation", value}}) : print("{}", value);
+  return options_.json ? print_json(json{{"generation", value}}) : print("{}", value);
 }
 
 int Command::clear() {
   storage::Database db(database());
   open_existing(db);
   db.clear_all();
-  return options_.json ? print(json{{"cleared", db.db_path().string()}})
+  return options_.json ? print_json(json{{"cleared", db.db_path().string()}})
                        : print("cleared the index in {}", db.db_path().string());
 }
 
@@ -304,7 +330,7 @@ int Command::swap_in() {
   const storage::Counts inserted = db.swap_index_from(fs::absolute(options_.staging));
   const std::int64_t generation = db.index_generation();
   if (options_.json)
-    return print(json{{"inserted", counts_json(inserted)}, {"generation", generation}});
+    return print_json(json{{"inserted", counts_json(inserted)}, {"generation", generation}});
   return print("swapped in {}: {}; generation {}", options_.staging, counts_text(inserted),
                generation);
 }
@@ -332,8 +358,25 @@ int Command::stamp() {
   storage::Database db(database());
   open_existing(db);
   const std::int64_t marked = db.refresh_extractor_stamp(versions);
-  return options_.json ? print(json{{"marked", marked}})
+  return options_.json ? print_json(json{{"marked", marked}})
                        : print("marked {} files for re-parsing", marked);
+}
+
+// The first word that stands where a command goes, when it names none: CLI11 would report it
+// as "A subcommand is required".
+std::optional<std::string> unknown_command(
+    int argc, const char* const* argv,
+    const std::map<std::string, CLI::App*, std::less<>>& commands) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg == "--db" || arg == "--color") {
+      ++i;  // and its value
+    } else if (!arg.starts_with("-")) {
+      if (commands.contains(arg)) return std::nullopt;
+      return std::string(arg);
+    }
+  }
+  return std::nullopt;
 }
 
 spdlog::level::level_enum log_level(const Options& options) {
@@ -350,6 +393,7 @@ int run(int argc, const char* const* argv, const Io& io) {
   app.fallthrough();
   app.option_defaults()->always_capture_default();
   app.set_help_all_flag("--help-all", "Help for every command");
+  app.set_version_flag("--version", std::string("quilma-db ") + QUILMA_VERSION);
   app.add_option("--db", options.db,
                  "The index database (default: REPO/memory/codebase-index/index.db)");
   app.add_flag("-v,--verbose", options.verbose,
@@ -396,11 +440,27 @@ int run(int argc, const char* const* argv, const Io& io) {
   }
   subs["search"]
       ->add_option("--limit", options.limit, "At most this many matching lines")
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Validator(
+          [](const std::string& value) {
+            return std::all_of(value.begin(), value.end(),
+                               [](char c) { return c >= '0' && c <= '9'; }) &&
+                           !value.empty() && value.find_first_not_of('0') != std::string::npos
+                       ? std::string()
+                       : "--limit takes a whole number of 1 or more, not '" + value + "'";
+          },
+          "N >= 1"));
   app.require_subcommand(1);
 
+  if (const std::optional<std::string> unknown = unknown_command(argc, argv, subs)) {
+    fmt::print(io.err, "quilma-db: unknown command '{}'; the commands are:", *unknown);
+    for (const Entry& entry : COMMANDS) fmt::print(io.err, " {}", entry.name);
+    fmt::print(io.err, "\nRun 'quilma-db --help' for usage.\n");
+    return EXIT_USAGE;
+  }
   try {
     app.parse(argc, argv);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e, io.out, io.err);
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e, io.out, io.err);
   } catch (const CLI::CallForAllHelp& e) {

@@ -6,19 +6,23 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <stop_token>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sqlite3.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include "quilma/cli/repo_files.h"
 #include "quilma/cli/source_file.h"
 #include "quilma/models/symbol.h"
+#include "quilma/sqlite/error.h"
 #include "quilma/storage/core_schema.h"
 
 namespace quilma::cli {
@@ -91,6 +95,25 @@ bool held_by_a_run(const fs::path& path) {
   ::close(fd);  // lets go of the lock, if it was taken
   return held;
 }
+
+// While it lives, interrupts the statement running on `handle` whenever a stop has been asked
+// for (SQLite allows that from another thread). It asks again and again: an interrupt that
+// comes while no statement runs is forgotten.
+class SwapInterrupter {
+ public:
+  SwapInterrupter(const std::atomic<bool>* stop, sqlite3* handle) {
+    if (stop == nullptr) return;
+    watcher_ = std::jthread([stop, handle](const std::stop_token& done) {
+      while (!done.stop_requested()) {
+        if (stop->load()) sqlite3_interrupt(handle);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+    });
+  }
+
+ private:
+  std::jthread watcher_;
+};
 
 void check_stop(const IndexRequest& request) {
   if (request.stop != nullptr && request.stop->load()) throw Interrupted();
@@ -218,11 +241,21 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress) {
   report.build_seconds = seconds_since(build_started);
   check_stop(request);
 
-  // From here on the run goes to its end: the swap is one transaction, whole or not at all.
+  // The swap is one transaction, whole or not at all: a stop asked for while it runs
+  // interrupts it, and SQLite rolls it back.
   const Clock::time_point swap_started = Clock::now();
   storage::Database live(request.database);
   open_database(live);
-  live.swap_index_from(staging_file.path());
+  try {
+    const SwapInterrupter interrupter(request.stop, live.connection().handle());
+    live.swap_index_from(staging_file.path());
+  } catch (const sqlite::OperationalError& error) {
+    if (error.code() == SQLITE_INTERRUPT) throw Interrupted();
+    throw;
+  }
+  if (request.stop != nullptr && request.stop->load()) {
+    progress.note("the stop came after the swap had committed: the new index is in place");
+  }
   report.swap_seconds = seconds_since(swap_started);
   live.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
                {storage::LAST_INDEX_KEY, utc_now()});

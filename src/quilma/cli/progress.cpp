@@ -48,7 +48,8 @@ void Progress::note(std::string_view text) {
 
 void Progress::clear_status() {
   if (!status_shown_) return;
-  out_ << '\n';
+  // Erased, not ended: what is written next starts on a clean line of its own.
+  out_ << "\r\033[K";
   out_.flush();
   status_shown_ = false;
 }

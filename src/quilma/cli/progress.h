@@ -13,7 +13,7 @@ class Progress {
  public:
   enum class Mode { Quiet, Lines, Terminal };
   Progress(std::ostream& out, Mode mode);
-  ~Progress();  // ends a terminal's status line
+  ~Progress();  // erases a terminal's status line
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
@@ -23,10 +23,12 @@ class Progress {
   void start();
   // One line about a step, on its own line.
   void note(std::string_view text);
+  // Erases a terminal's status line, so that what is written next, on either stream, starts
+  // on a line of its own.
+  void clear_status();
 
  private:
   using Clock = std::chrono::steady_clock;
-  void clear_status();
 
   std::ostream& out_;
   Mode mode_;

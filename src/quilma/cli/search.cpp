@@ -100,14 +100,16 @@ std::vector<SearchHit> search(storage::Database& db, std::string_view query, std
   } catch (const sqlite::OperationalError& error) {
     std::string_view reason = error.what();
     if (!reason.starts_with("fts5:") && !reason.starts_with("no such column:") &&
-        !reason.starts_with("unknown special query:")) {
+        !reason.starts_with("unknown special query:") && !reason.starts_with("unterminated")) {
       throw;
     }
     if (reason.starts_with("fts5: ")) reason.remove_prefix(6);
-    throw MalformedQuery(fmt::format(
-        "malformed search query \"{}\" ({}); put text with punctuation in double quotes, "
-        "as in '\"std::vector\"'",
-        query, reason));
+    const std::string_view hint =
+        reason.starts_with("unterminated")
+            ? "close every double quote; a double quote inside a phrase is written twice"
+            : "put text with punctuation in double quotes, as in '\"std::vector\"'";
+    throw MalformedQuery(
+        fmt::format("malformed search query \"{}\" ({}); {}", query, reason, hint));
   }
   std::vector<SearchHit> hits;
   for (const sqlite::Row& row : rows) {
