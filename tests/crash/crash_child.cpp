@@ -23,7 +23,7 @@ void open_fully(Database& db) {
 }
 
 void signal_start() {
-  if (::write(STDOUT_FILENO, "R", 1) != 1) std::exit(4);
+  if (::write(STDOUT_FILENO, "R", 1) != 1) std::_Exit(4);
 }
 
 int run(const std::vector<std::string>& args) {

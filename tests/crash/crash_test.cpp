@@ -3,6 +3,7 @@
 // time, the file must open, pass SQLite's integrity check, and hold exactly the index from before
 // the operation or exactly the one after it. QUILMA_CRASH_POINTS sets the points per operation.
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -16,7 +17,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -63,6 +63,7 @@ Ended run_child(const std::vector<std::string>& args, bool signals_start, const 
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
   pid_t pid = 0;
@@ -185,7 +186,7 @@ struct Operation {
 
 const std::map<std::string, Operation>& operations() {
   // crash_child with `args`; a name ending in ".db" is a file of the run's copy.
-  const auto child = [](std::vector<std::string> args) {
+  const auto child = [](const std::vector<std::string>& args) {
     return [args](const fs::path& run, const fs::path& /*dir*/) {
       std::vector<std::string> argv{CRASH_CHILD};
       for (const std::string& arg : args) {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -23,7 +24,6 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -330,6 +330,7 @@ pid_t spawn(const std::vector<std::string>& args, const fs::path& out = {},
     posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   }
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
   pid_t pid = 0;
@@ -410,6 +411,7 @@ TEST(StressRun, ServiceProcessesShareOneIndexFile) {
   const std::string self = fs::read_symlink("/proc/self/exe").string();
   const double started = wall_ms();
   std::vector<std::pair<pid_t, int>> children;  // pid, exit status (-1: running)
+  children.reserve(ROLES.size());
   for (const char* role : ROLES) {
     children.emplace_back(
         spawn({self, "--stress-role", role, dir.path().string(), std::to_string(seconds)}), -1);
@@ -482,7 +484,8 @@ TEST(StressRun, ServiceProcessesShareOneIndexFile) {
   }
   fmt::print("ledger: {} commits, {} lost\n", ledgered, lost);
   fmt::print("log: -wal at most {:.2f} MiB, file then {:.2f} MiB; largest transaction {:.2f} MiB\n",
-             max_wal / 1048576.0, db_at_max / 1048576.0, largest_tx / 1048576.0);
+             static_cast<double>(max_wal) / 1048576.0, static_cast<double>(db_at_max) / 1048576.0,
+             static_cast<double>(largest_tx) / 1048576.0);
   for (std::size_t i = 0; i < ROLES.size(); ++i) {
     for (const json& note : tallies[i].value("notes", json::array())) {
       fmt::print("  {}: {}\n", ROLES[i], note.get<std::string>());
@@ -514,9 +517,14 @@ TEST(StressRun, ServiceProcessesShareOneIndexFile) {
 }  // namespace quilma::storage
 
 int main(int argc, char** argv) {
-  if (argc == 5 && std::string_view(argv[1]) == "--stress-role") {
-    return quilma::storage::run_role(argv[2], argv[3], std::atoi(argv[4]));
+  try {
+    if (argc == 5 && std::string_view(argv[1]) == "--stress-role") {
+      return quilma::storage::run_role(argv[2], argv[3], std::atoi(argv[4]));
+    }
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "stress run: %s\n", error.what());
+    return 3;
   }
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
 }

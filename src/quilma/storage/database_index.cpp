@@ -199,13 +199,15 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
       for (std::size_t i = 0; i < INSERT_ORDER.size(); ++i) {
         const std::string table(INSERT_ORDER[i]);
         const std::optional<std::string> live = definition(reader, "main", table);
+        std::string& sql = copies[i];
+        sql.append("INSERT INTO ").append(table);
         if (live && live == definition(reader, "stg", table)) {
-          copies[i] = "INSERT INTO " + table + " SELECT * FROM stg." + table;
+          sql.append(" SELECT *");
         } else {
           const std::string columns = column_list(reader, table);
-          copies[i] = "INSERT INTO " + table + " (" + columns + ") SELECT " + columns +
-                      " FROM stg." + table;
+          sql.append(" (").append(columns).append(") SELECT ").append(columns);
         }
+        sql.append(" FROM stg.").append(table);
       }
       reader.close();
       inserted = transaction([&](sqlite::Cursor& cursor) {
