@@ -465,9 +465,9 @@ TEST_P(ReconnectTest, UnderRunningQueriesFailsCleanly) {
   db_.execute("INSERT INTO t (v) VALUES ('a')");
   std::atomic<bool> stop{false};
   std::atomic<int> answered{0};
-  std::vector<std::thread> queries;
-  for (int i = 0; i < 2; ++i) {
-    queries.emplace_back([&] {
+  std::vector<std::thread> queries(2);
+  for (std::thread& query : queries) {
+    query = std::thread([&] {
       while (!stop.load()) {
         try {
           EXPECT_EQ(db_.fetchone("SELECT COUNT(*) FROM t").value()[0].as_int(), 1);

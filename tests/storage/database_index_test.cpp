@@ -335,7 +335,7 @@ TEST_F(IndexContentsTest, AFailedSwapLeavesTheLiveIndexAsItWas) {
   build_staging(staging_);
   {
     std::fstream damage(staging_, std::ios::in | std::ios::out | std::ios::binary);
-    damage.seekp(2 * 8192);  // the third page: a table's root
+    damage.seekp(std::streamoff{2} * 8192);  // the third page: a table's root
     damage << std::string(8192, '\xff');
   }
   EXPECT_THAT(error_of<sqlite::DatabaseError>([&] { db_.swap_index_from(staging_); }),
