@@ -163,7 +163,7 @@ TEST(OpenSequenceTest, NewFileIsCreatedCurrentAndOpensWithoutRewriting) {
   LogCapture size_log("quilma.storage.storage_size");
   Database db(dir / "sub" / "index.db");
   db.connect();
-  const std::shared_ptr<ReaderPool> readers = Peer::readers(db);
+  ReaderPool* readers = Peer::readers(db);
   db.create_schema();
   db.migrate_schema();
   EXPECT_EQ(Peer::readers(db), readers);  // no rewrite, so the pool stays
@@ -281,11 +281,11 @@ class RewritePagesTest : public ::testing::Test {
   void open_replacing_pool(Database& db) {
     db.connect();
     db.create_schema();
-    const std::shared_ptr<ReaderPool> before = Peer::readers(db);
+    ReaderPool* before = Peer::readers(db);
     ASSERT_NE(before, nullptr);
     db.fetchone("SELECT 1");  // a read connection that must be let go for the rewrite
     db.migrate_schema();
-    const std::shared_ptr<ReaderPool> after = Peer::readers(db);
+    ReaderPool* after = Peer::readers(db);
     ASSERT_NE(after, nullptr);
     EXPECT_NE(after, before);
     EXPECT_THROW(before->lease(), ReaderUnavailable);

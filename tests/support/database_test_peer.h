@@ -18,10 +18,11 @@ class DatabaseTestPeer {
     return db.tx_depth_;
   }
   static std::thread::id tx_owner(const Database& db) { return db.tx_owner_.load(); }
-  static std::shared_ptr<ReaderPool> readers(const Database& db) { return db.readers_.load(); }
-  static std::shared_ptr<ReaderPool> set_readers(Database& db, std::shared_ptr<ReaderPool> pool) {
-    db.readers_.exchange(pool);
-    return pool;
+  static ReaderPool* readers(const Database& db) { return db.readers_.load(); }
+  static ReaderPool* set_readers(Database& db, std::shared_ptr<ReaderPool> pool) {
+    ReaderPool* raw = pool.get();
+    db.readers_.exchange(std::move(pool));
+    return raw;
   }
   static ConnectionLock& lock(Database& db) { return db.lock_; }
   static std::int64_t count(Database& db, std::string_view sql) { return db.count(sql); }

@@ -231,7 +231,7 @@ class Database {
     void end() noexcept;
 
     Database& db_;
-    std::shared_ptr<ReaderPool> pool_;  // outlives the lease taken from it
+    ReaderPool* pool_ = nullptr;
     std::optional<ReaderPool::Lease> lease_;
     std::unique_lock<ConnectionLock> hold_;  // the writer's path
     sqlite::Connection* connection_ = nullptr;
@@ -241,7 +241,7 @@ class Database {
   };
 
   std::shared_ptr<ReaderPool> open_readers(std::string_view journal_mode) const;
-  std::shared_ptr<ReaderPool> readers_for(std::string_view sql) const;
+  ReaderPool* readers_for(std::string_view sql) const;
   template <class Fetch>
   std::invoke_result_t<Fetch&, sqlite::Cursor&> query(std::string_view sql,
                                                       const sqlite::Params& params, Fetch fetch);
@@ -282,25 +282,25 @@ class Database {
   mutable ConnectionLock lock_;
   int tx_depth_ = 0;  // open transaction levels; written only under lock_
   std::atomic<bool> closed_{false};
-  // The pool that queries lease from, or none; read without the lock. A query keeps the pool
-  // it loaded alive until it is done with it, even when the pool was closed or replaced.
+  // The pool that queries lease from, or none; read without the lock. Every pool it has held
+  // is kept until the object goes (a closed one costs a few hundred bytes), so a query may
+  // finish with the pool it loaded even after the pool was closed or replaced, and no query
+  // pays for a reference count.
   class PoolSlot {
    public:
-    std::shared_ptr<ReaderPool> load() const {
+    ReaderPool* load() const { return current_.load(std::memory_order_acquire); }
+    // Makes `pool` (or none) the current pool; returns the one it replaces.
+    ReaderPool* exchange(std::shared_ptr<ReaderPool> pool) {
+      ReaderPool* raw = pool.get();
       const std::lock_guard hold(mutex_);
-      return pool_;
-    }
-    std::shared_ptr<ReaderPool> exchange(std::shared_ptr<ReaderPool> pool) {
-      const std::lock_guard hold(mutex_);
-      pool_.swap(pool);
-      return pool;
+      if (pool) kept_.push_back(std::move(pool));
+      return current_.exchange(raw, std::memory_order_acq_rel);
     }
 
    private:
-    // Held for a copy of the pointer only. Not std::atomic<std::shared_ptr>: libstdc++ 12
-    // guards that with a lock bit that ThreadSanitizer cannot see.
-    mutable std::mutex mutex_;
-    std::shared_ptr<ReaderPool> pool_;
+    std::atomic<ReaderPool*> current_{nullptr};
+    std::mutex mutex_;
+    std::vector<std::shared_ptr<ReaderPool>> kept_;
   };
   PoolSlot readers_;
   // The thread whose outermost transaction is open. Written under lock_; read without it,

@@ -154,7 +154,7 @@ void Database::connect() {
   // A pool that fails to open leaves everything as it was.
   std::shared_ptr<ReaderPool> opened = open_readers(detail::journal_mode(mode));
   std::unique_ptr<sqlite::Connection> replaced_writer;
-  std::shared_ptr<ReaderPool> replaced_readers;
+  ReaderPool* replaced_readers = nullptr;
   {
     // Every use of the writer holds the lock, so none is using the replaced one past here.
     const std::lock_guard hold(lock_);
@@ -163,9 +163,9 @@ void Database::connect() {
     closed_.store(false, std::memory_order_release);
     replaced_readers = readers_.exchange(std::move(opened));
   }
-  // A query that loaded the replaced pool keeps it alive, finds it closed at its lease (or
-  // finishes first: close() waits for it) and takes the writer's path.
-  if (replaced_readers) replaced_readers->close();
+  // A query that loaded the replaced pool finds it closed at its lease (or finishes first:
+  // close() waits for it) and takes the writer's path.
+  if (replaced_readers != nullptr) replaced_readers->close();
 }
 
 std::shared_ptr<ReaderPool> Database::open_readers(std::string_view journal_mode) const {
@@ -177,14 +177,14 @@ std::shared_ptr<ReaderPool> Database::open_readers(std::string_view journal_mode
 }
 
 void Database::close() {
-  if (const std::shared_ptr<ReaderPool> pool = readers_.load()) {
+  if (ReaderPool* pool = readers_.load()) {
     pool->close();
   }
   // Closing the writer under a statement that another thread runs on it would crash that
   // thread: wait for it.
   const std::lock_guard hold(lock_);
   // A page rewrite or a connect() that held the lock meanwhile may have opened a new pool.
-  if (const std::shared_ptr<ReaderPool> pool = readers_.load()) {
+  if (ReaderPool* pool = readers_.load()) {
     pool->close();
   }
   if (connection_.load(std::memory_order_acquire) != nullptr) {
@@ -276,7 +276,7 @@ sqlite::Cursor Database::executemany(std::string_view sql,
   return cursor;
 }
 
-std::shared_ptr<ReaderPool> Database::readers_for(std::string_view sql) const {
+ReaderPool* Database::readers_for(std::string_view sql) const {
   // A thread inside its own transaction must see what it has written so far.
   if (tx_owner_.load(std::memory_order_acquire) == std::this_thread::get_id()) return nullptr;
   if (!detail::is_read_statement(sql)) return nullptr;
@@ -292,8 +292,8 @@ std::invoke_result_t<Fetch&, sqlite::Cursor&> Database::query(std::string_view s
     cursor.execute(sql, params);
     return fetch(cursor);
   };
-  // A pool closed or replaced meanwhile stays alive while this holds it, and refuses the lease.
-  if (const std::shared_ptr<ReaderPool> readers = readers_for(sql)) {
+  // A pool closed or replaced meanwhile stays alive (see readers_) and refuses the lease.
+  if (ReaderPool* readers = readers_for(sql)) {
     try {
       ReaderPool::Lease lease = readers->lease();
       return run(lease.connection());
@@ -317,8 +317,8 @@ std::vector<sqlite::Row> Database::fetchall(std::string_view sql, const sqlite::
 Database::Snapshot::Snapshot(Database& db) : db_(db) {
   if (db_.tx_owner_.load(std::memory_order_acquire) != std::this_thread::get_id()) {
     pool_ = db_.readers_.load();
-    if (pool_ && begin_on_reader()) return;
-    pool_.reset();
+    if (pool_ != nullptr && begin_on_reader()) return;
+    pool_ = nullptr;
   }
   begin_on_writer();
 }

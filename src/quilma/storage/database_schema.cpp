@@ -155,7 +155,7 @@ void Database::rewrite_pages() {
 
   // Leaving WAL needs the file to itself. With readers_ empty, a query that comes meanwhile
   // goes to the writer and waits for the lock.
-  if (const std::shared_ptr<ReaderPool> readers = readers_.exchange(nullptr)) {
+  if (ReaderPool* readers = readers_.exchange(nullptr)) {
     readers->close();
   }
   std::exception_ptr failure;
