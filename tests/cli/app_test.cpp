@@ -6,6 +6,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -84,6 +85,7 @@ class IndexedRepoTest : public ::testing::Test {
     for (const auto& entry : fs::directory_iterator(repo_ / "memory/codebase-index")) {
       names.push_back(entry.path().filename().string());
     }
+    std::sort(names.begin(), names.end());
     return names;
   }
 
@@ -98,6 +100,12 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEdits) {
     EXPECT_EQ(in_repo({"search", left_out}).out, "") << left_out;
   }
   EXPECT_EQ(in_repo({"generation"}).out, "1\n");
+  // From inside the repository, the index above is found; it is kept out of commits.
+  EXPECT_EQ(quilma_db({"search", "plantedIdentifier", (repo_ / "src/util").string()}).out,
+            "src/planted.py:73: plantedIdentifier = compute(73)\n");
+  std::ifstream ignore(repo_ / "memory/codebase-index/.gitignore");
+  EXPECT_NE(std::string(std::istreambuf_iterator<char>(ignore), {}).find("\n*\n"),
+            std::string::npos);
 
   write(repo_ / "src/planted.py", python_with("renamedIdentifier", 5));
   const Result again = in_repo({"index", "--json"});
@@ -110,7 +118,7 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEdits) {
   EXPECT_EQ(in_repo({"search", "renamedIdentifier"}).out,
             "src/planted.py:5: renamedIdentifier = compute(5)\n");
   EXPECT_EQ(in_repo({"generation"}).out, "2\n");
-  EXPECT_EQ(database_dir(), std::vector<std::string>{"index.db"});
+  EXPECT_EQ(database_dir(), (std::vector<std::string>{".gitignore", "index.db"}));
 }
 
 TEST_F(IndexedRepoTest, JsonOutputParses) {
@@ -162,7 +170,7 @@ TEST_F(IndexedRepoTest, StoppedOrFailedRunLeavesPreviousIndex) {
             "src/planted.py:73: plantedIdentifier = compute(73)\n");
   EXPECT_EQ(in_repo({"search", "renamedIdentifier"}).out, "");
   EXPECT_EQ(in_repo({"generation"}).out, "1\n");
-  EXPECT_EQ(database_dir(), std::vector<std::string>{"index.db"});
+  EXPECT_EQ(database_dir(), (std::vector<std::string>{".gitignore", "index.db"}));
 }
 
 TEST_F(IndexedRepoTest, ARunRemovesTheStagingFilesOfRunsThatDidNotEnd) {
@@ -181,9 +189,8 @@ TEST_F(IndexedRepoTest, ARunRemovesTheStagingFilesOfRunsThatDidNotEnd) {
                              " (0.0 MiB), left by an indexing run that did not end"),
             std::string::npos)
       << indexed.err;
-  std::vector<std::string> left = database_dir();
-  std::sort(left.begin(), left.end());
-  EXPECT_EQ(left, (std::vector<std::string>{"index.db", "index.db.staging-live01"}));
+  EXPECT_EQ(database_dir(),
+            (std::vector<std::string>{".gitignore", "index.db", "index.db.staging-live01"}));
 }
 
 TEST_F(IndexedRepoTest, NamesThatAreNotUtf8AndTheTextOfPlainAnswers) {

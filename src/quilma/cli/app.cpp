@@ -108,9 +108,20 @@ class Command {
 
  private:
   fs::path repo() const { return fs::absolute(options_.repo).lexically_normal(); }
+  // The index that `index` builds: REPO's own.
   fs::path database() const {
     return options_.db.empty() ? repo() / DEFAULT_DATABASE
                                : fs::absolute(options_.db).lexically_normal();
+  }
+  // The index that the other commands use: that of REPO or of the nearest directory above it
+  // that has one, as git finds .git, so that they work from anywhere inside the repository.
+  fs::path index_database() const {
+    if (!options_.db.empty()) return database();
+    for (fs::path at = repo(); !at.empty(); at = at.parent_path()) {
+      if (fs::exists(at / DEFAULT_DATABASE)) return at / DEFAULT_DATABASE;
+      if (at == at.root_path()) break;
+    }
+    return database();
   }
   // Opens the database of an index that must already exist.
   void open_existing(storage::Database& db) const {
@@ -211,7 +222,7 @@ int Command::index() {
 }
 
 int Command::search() {
-  storage::Database db(database());
+  storage::Database db(index_database());
   open_existing(db);
   const std::vector<SearchHit> hits = cli::search(db, options_.query, options_.limit);
   if (options_.json) {
@@ -241,7 +252,7 @@ int Command::search() {
 }
 
 int Command::stats() {
-  storage::Database db(database());
+  storage::Database db(index_database());
   open_existing(db);
   const storage::Counts counts = db.get_stats();
   const std::int64_t generation = db.index_generation();
@@ -257,7 +268,7 @@ int Command::stats() {
 }
 
 int Command::errors() {
-  storage::Database db(database());
+  storage::Database db(index_database());
   open_existing(db);
   const std::vector<sqlite::Row> rows = db.fetchall(
       "SELECT file_path, error_type, message, line FROM index_errors ORDER BY file_path, id");
@@ -281,7 +292,7 @@ int Command::errors() {
 }
 
 int Command::check() {
-  storage::Database db(database());
+  storage::Database db(index_database());
   open_existing(db);
   const bool ok = db.check_integrity();
   if (options_.json) print_json(json{{"ok", ok}});
@@ -290,7 +301,7 @@ int Command::check() {
 }
 
 int Command::compact() {
-  storage::Database db(database());
+  storage::Database db(index_database());
   open_existing(db);
   const storage::Compaction result = db.compact();
   if (options_.json) {
@@ -310,14 +321,14 @@ int Command::compact() {
 }
 
 int Command::generation() {
-  storage::Database db(database());
+  storage::Database db(index_database());
   open_existing(db);
   const std::int64_t value = db.index_generation();
   return options_.json ? print_json(json{{"generation", value}}) : print("{}", value);
 }
 
 int Command::clear() {
-  storage::Database db(database());
+  storage::Database db(index_database());
   open_existing(db);
   db.clear_all();
   return options_.json ? print_json(json{{"cleared", db.db_path().string()}})
@@ -325,7 +336,7 @@ int Command::clear() {
 }
 
 int Command::swap_in() {
-  storage::Database db(database());
+  storage::Database db(index_database());
   open_database(db);
   const storage::Counts inserted = db.swap_index_from(fs::absolute(options_.staging));
   const std::int64_t generation = db.index_generation();
@@ -355,7 +366,7 @@ int Command::stamp() {
       throw UsageError("stamp: language '" + item.substr(0, equals) + "' given twice");
     }
   }
-  storage::Database db(database());
+  storage::Database db(index_database());
   open_existing(db);
   const std::int64_t marked = db.refresh_extractor_stamp(versions);
   return options_.json ? print_json(json{{"marked", marked}})

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <stop_token>
 #include <string>
 #include <system_error>
@@ -224,7 +225,12 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress) {
                             listed.from_git ? " (git)" : ""));
   check_stop(request);
 
-  fs::create_directories(request.database.parent_path());
+  // An index directory this run makes is kept out of the repository's commits: a
+  // `git add -A` would otherwise take the index with it.
+  if (const fs::path directory = request.database.parent_path(); !fs::exists(directory)) {
+    fs::create_directories(directory);
+    std::ofstream(directory / ".gitignore") << "# The code index: rebuilt by quilma-db index.\n*\n";
+  }
   for (const LeftOver& leftover : remove_leftover_staging(request.database)) {
     progress.note(fmt::format("removed {} ({:.1f} MiB), left by an indexing run that did not end",
                               leftover.path.string(),
