@@ -134,6 +134,9 @@ TEST_F(IndexedRepoTest, JsonOutputParses) {
   EXPECT_EQ(stats["files"], 3);
   EXPECT_EQ(stats["symbols"], 0);  // only the files' anchors, which a user never sees
   EXPECT_EQ(stats["errors"], 2);
+  EXPECT_EQ(stats["chunks"], 5);  // 120 lines in chunks of 50, and one line
+  EXPECT_GT(stats["file_bytes"], 0);
+  EXPECT_TRUE(stats["last_index"].get<std::string>().ends_with("Z"));
 
   const json hits = json::parse(in_repo({"search", "--json", "compute OR helper"}).out);
   EXPECT_EQ(hits.size(), 2U);

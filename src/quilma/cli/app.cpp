@@ -25,6 +25,7 @@
 #include "quilma/cli/indexer.h"
 #include "quilma/cli/progress.h"
 #include "quilma/cli/search.h"
+#include "quilma/sqlite/error.h"
 #include "quilma/storage/database.h"
 #include "quilma/storage/log.h"
 #include "quilma/utils/utf8.h"
@@ -254,17 +255,41 @@ int Command::search() {
 int Command::stats() {
   storage::Database db(index_database());
   open_existing(db);
-  const storage::Counts counts = db.get_stats();
+  storage::Counts counts = db.get_stats();
+  try {
+    counts.emplace_back("chunks",
+                        db.fetchone("SELECT COUNT(*) FROM code_chunks").value()[0].as_int());
+  } catch (const sqlite::OperationalError&) {  // an index built without its text
+  }
+  std::optional<std::string> built;
+  if (const std::optional<sqlite::Row> row =
+          db.fetchone("SELECT value FROM schema_info WHERE key = ?", {storage::LAST_INDEX_KEY});
+      row && !(*row)[0].is_null()) {
+    built = (*row)[0].as_text();
+  }
   const std::int64_t generation = db.index_generation();
+  const auto size_of = [](const fs::path& path) {
+    std::error_code missing;
+    const std::uintmax_t size = fs::file_size(path, missing);
+    return missing ? std::int64_t{0} : static_cast<std::int64_t>(size);
+  };
+  const std::int64_t file_bytes = size_of(db.db_path());
+  const std::int64_t log_bytes = size_of(db.db_path().string() + "-wal");
   if (options_.json) {
     json object = counts_json(counts);
     object["generation"] = generation;
     object["database"] = db.db_path().string();
+    object["file_bytes"] = file_bytes;
+    object["log_bytes"] = log_bytes;
+    object["last_index"] = built ? json(*built) : json();
     return print_json(object);
   }
   print("{:<11}{}", "database", db.db_path().string());
+  print("{:<11}{:.1f} MiB, log {:.1f} MiB", "size", static_cast<double>(file_bytes) / 1048576.0,
+        static_cast<double>(log_bytes) / 1048576.0);
   for (const auto& [name, count] : counts) print("{:<11}{}", name, count);
-  return print("{:<11}{}", "generation", generation);
+  print("{:<11}{}", "generation", generation);
+  return print("{:<11}{}", "indexed", built.value_or("never"));
 }
 
 int Command::errors() {
