@@ -111,7 +111,7 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEdits) {
   const Result again = in_repo({"index", "--json"});
   ASSERT_EQ(again.status, 0) << again.err;
   const json report = json::parse(again.out);
-  EXPECT_EQ(report["files"], 3);
+  EXPECT_EQ(report["files"], 4);
   EXPECT_EQ(report["errors"], 2);
   EXPECT_EQ(report["generation"], 2);
   EXPECT_EQ(in_repo({"search", "plantedIdentifier"}).out, "");
@@ -129,12 +129,14 @@ TEST_F(IndexedRepoTest, JsonOutputParses) {
   EXPECT_EQ(errors[1]["path"], "legacy/latin1.txt");
   EXPECT_EQ(errors[1]["type"], "not_utf8");
   EXPECT_EQ(errors[1]["line"], 2);
+  // Reported, and indexed all the same with the stray byte replaced.
+  EXPECT_EQ(in_repo({"search", "lait"}).out, "legacy/latin1.txt:2: caf\xef\xbf\xbd au lait\n");
 
   const json stats = json::parse(in_repo({"stats", "--json"}).out);
-  EXPECT_EQ(stats["files"], 3);
+  EXPECT_EQ(stats["files"], 4);
   EXPECT_EQ(stats["symbols"], 0);  // only the files' anchors, which a user never sees
   EXPECT_EQ(stats["errors"], 2);
-  EXPECT_EQ(stats["chunks"], 5);  // 120 lines in chunks of 50, and one line
+  EXPECT_EQ(stats["chunks"], 6);  // 120 lines in chunks of 50, and three short files
   EXPECT_GT(stats["file_bytes"], 0);
   EXPECT_TRUE(stats["last_index"].get<std::string>().ends_with("Z"));
 

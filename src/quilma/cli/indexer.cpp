@@ -25,6 +25,7 @@
 #include "quilma/models/symbol.h"
 #include "quilma/sqlite/error.h"
 #include "quilma/storage/core_schema.h"
+#include "quilma/utils/utf8.h"
 
 namespace quilma::cli {
 
@@ -120,7 +121,9 @@ void check_stop(const IndexRequest& request) {
   if (request.stop != nullptr && request.stop->load()) throw Interrupted();
 }
 
-// Writes one readable file: its row, its anchor symbol and its chunks.
+// Writes one readable file: its row, its anchor symbol and its chunks. The digest is of the
+// bytes on disk; the chunks of a file with stray bytes hold U+FFFD for each and are marked
+// inexact.
 void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
               const SourceFile& file) {
   const std::optional<std::string_view> language = language_of(path);
@@ -132,12 +135,14 @@ void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
       "INSERT INTO symbols (file_id, name, kind, line, end_line, qualified_name) "
       "VALUES (?, ?, ?, ?, ?, ?)",
       {id, name, models::FILE_SYMBOL_KIND, 1, line_count(file.content), path});
+  const bool exact = !file.problem;
+  const std::string replaced = exact ? std::string() : utils::replace_invalid_utf8(file.content);
   std::int64_t index = 0;
-  for (const Chunk& chunk : chunk_lines(file.content)) {
+  for (const Chunk& chunk : chunk_lines(exact ? std::string_view(file.content) : replaced)) {
     cursor.execute(
-        "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, 1)",
+        "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, ?)",
         {storage::core_schema::chunk_rowid(id, index++), chunk.text, chunk.start_line,
-         chunk.end_line});
+         chunk.end_line, exact ? 1 : 0});
   }
 }
 
@@ -161,9 +166,8 @@ void build_staging(storage::Database& staging, const IndexRequest& request,
         if (file.problem) {
           staging.record_error(path, file.problem->type, file.problem->message, file.problem->line);
           ++report.errors;
-        } else {
-          add_file(cursor, ++report.files, path, file);
         }
+        if (!file.problem || file.problem->indexed) add_file(cursor, ++report.files, path, file);
         progress.advance(next + 1, total, report.bytes);
       }
     });

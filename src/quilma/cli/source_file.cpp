@@ -86,7 +86,7 @@ SourceFile read_source_file(const std::filesystem::path& path) {
     return file;
   }
   file.problem = text_problem(file.content);
-  if (file.problem) file.content.clear();
+  if (file.problem && !file.problem->indexed) file.content.clear();
   return file;
 }
 
@@ -98,7 +98,8 @@ std::optional<FileProblem> text_problem(std::string_view content) {
   if (const std::optional<std::size_t> bad = utils::find_invalid_utf8(content)) {
     const auto line =
         1 + std::count(content.begin(), content.begin() + static_cast<long>(*bad), '\n');
-    return FileProblem{"not_utf8", fmt::format("not UTF-8 at offset {}", *bad), line};
+    return FileProblem{"not_utf8", fmt::format("not UTF-8 at offset {}", *bad), line,
+                       /*indexed=*/true};
   }
   return std::nullopt;
 }

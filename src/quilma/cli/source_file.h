@@ -24,6 +24,8 @@ struct FileProblem {
   std::string type;  // "unreadable", "too_large", "binary" or "not_utf8"
   std::string message;
   std::optional<std::int64_t> line;  // for "not_utf8": the line of the first bad byte
+  // The file is indexed all the same (its stray bytes as U+FFFD): the record is a warning.
+  bool indexed = false;
 };
 
 // A file as read from disk: its content, or the problem that keeps it out of the index.
@@ -37,7 +39,8 @@ struct SourceFile {
 // the file's own problems: they come back in `problem`.
 SourceFile read_source_file(const std::filesystem::path& path);
 
-// Whether `content` is text this index can hold: no NUL byte, and UTF-8 throughout.
+// Whether `content` is text this index can hold: no NUL byte, and UTF-8 throughout. Text
+// with bytes that are not UTF-8 is held with them replaced, and reported.
 std::optional<FileProblem> text_problem(std::string_view content);
 
 // The language of a file, from its name; std::nullopt for one that no extractor reads.

@@ -60,4 +60,21 @@ std::optional<std::size_t> find_invalid_utf8(std::string_view text) {
   return std::nullopt;
 }
 
+std::string replace_invalid_utf8(std::string_view text) {
+  std::string replaced;
+  replaced.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    char32_t code = 0;
+    const std::size_t length = decode_utf8(text, at, code);
+    if (length == 0) {
+      replaced += "\xEF\xBF\xBD";
+      ++at;
+    } else {
+      replaced.append(text, at, length);
+      at += length;
+    }
+  }
+  return replaced;
+}
+
 }  // namespace quilma::utils
