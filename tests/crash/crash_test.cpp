@@ -22,12 +22,11 @@
 #include <unistd.h>
 
 #include "crash_data.h"
+#include "support/child_process.h"
 #include "support/temp_dir.h"
 
 #include "quilma/storage/database.h"
 #include "quilma/storage/storage_size.h"
-
-extern char** environ;  // NOLINT(readability-redundant-declaration): posix_spawn's environment
 
 namespace quilma::storage {
 namespace {
@@ -62,15 +61,17 @@ Ended run_child(const std::vector<std::string>& args, bool signals_start, const 
   }
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  std::vector<char*> argv;
-  argv.reserve(args.size() + 1);
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
   pid_t pid = 0;
-  const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  try {
+    pid = testing::spawn(args, &actions);
+  } catch (...) {
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(start_pipe[0]);
+    ::close(start_pipe[1]);
+    throw;
+  }
   posix_spawn_file_actions_destroy(&actions);
   ::close(start_pipe[1]);
-  if (spawned != 0) throw std::system_error(spawned, std::generic_category(), args[0]);
   char byte = 0;
   while (signals_start && ::read(start_pipe[0], &byte, 1) < 0 && errno == EINTR) {
   }

@@ -28,6 +28,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/child_process.h"
 #include "support/temp_dir.h"
 
 #include "quilma/storage/core_schema.h"
@@ -329,15 +330,14 @@ pid_t spawn(const std::vector<std::string>& args, const fs::path& out = {},
     posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   }
-  std::vector<char*> argv;
-  argv.reserve(args.size() + 1);
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (failed != 0) throw std::system_error(failed, std::generic_category(), "spawn " + args[0]);
-  return pid;
+  try {
+    const pid_t pid = testing::spawn(args, &actions);
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+  } catch (...) {
+    posix_spawn_file_actions_destroy(&actions);
+    throw;
+  }
 }
 
 // The exit status, or 128 + the signal that ended the process.

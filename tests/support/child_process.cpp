@@ -30,20 +30,18 @@ ChildProcess::ChildProcess(const std::vector<std::string>& args) {
   check(posix_spawn_file_actions_init(&actions), "posix_spawn_file_actions_init");
   posix_spawn_file_actions_adddup2(&actions, to_child[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, from_child[1], STDOUT_FILENO);
-  std::vector<char*> argv;
-  argv.reserve(args.size() + 1);
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  const int spawned = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+  try {
+    pid_ = spawn(args, &actions);
+  } catch (...) {
+    posix_spawn_file_actions_destroy(&actions);
+    for (const int fd : {to_child[0], to_child[1], from_child[0], from_child[1]}) ::close(fd);
+    throw;
+  }
   posix_spawn_file_actions_destroy(&actions);
   ::close(to_child[0]);
   ::close(from_child[1]);
   input_ = to_child[1];
   output_ = from_child[0];
-  if (spawned != 0) {
-    pid_ = -1;
-    throw std::system_error(spawned, std::generic_category(), args.at(0));
-  }
 }
 
 ChildProcess::~ChildProcess() {
@@ -89,6 +87,17 @@ int ChildProcess::wait() {
   }
   pid_ = -1;
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+pid_t spawn(const std::vector<std::string>& args, const posix_spawn_file_actions_t* actions) {
+  std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  const int failed = posix_spawn(&pid, argv.at(0), actions, nullptr, argv.data(), environ);
+  if (failed != 0) throw std::system_error(failed, std::generic_category(), "spawn " + args[0]);
+  return pid;
 }
 
 std::filesystem::path test_program(const std::string& name) {
