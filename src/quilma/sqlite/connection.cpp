@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <climits>
 #include <string>
+#include <string_view>
 #include <utility>
 
+#include <fmt/format.h>
 #include <sqlite3.h>
 
 #include "quilma/sqlite/error.h"
@@ -12,13 +14,35 @@
 
 namespace quilma::sqlite {
 
+namespace {
+
+// `path` as a file: URI, with the bytes that a URI gives a meaning to percent-encoded.
+std::string file_uri(std::string_view path) {
+  std::string uri = "file:";
+  for (const char c : path) {
+    if (c == '%' || c == '?' || c == '#') {
+      uri += fmt::format("%{:02X}", static_cast<unsigned char>(c));
+    } else {
+      uri += c;
+    }
+  }
+  return uri;
+}
+
+}  // namespace
+
 Connection::Connection(const std::filesystem::path& path, OpenOptions options) {
   // Every use of a connection is serialised by its owner (a lock or a lease), so SQLite's
   // own per-connection mutex would only add cost: open in multi-thread mode.
   int flags = SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
-  flags |= options.read_only ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+  flags |= options.read_only || options.immutable ? SQLITE_OPEN_READONLY
+                                                  : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+  std::string name = path.string();
+  if (options.immutable) {
+    flags |= SQLITE_OPEN_URI;
+    name = file_uri(name) + "?immutable=1";
+  }
   sqlite3* db = nullptr;
-  const std::string name = path.string();
   const int rc = sqlite3_open_v2(name.c_str(), &db, flags, nullptr);
   if (rc != SQLITE_OK) {
     const int code = db != nullptr ? sqlite3_extended_errcode(db) : rc;

@@ -13,6 +13,10 @@ namespace quilma::sqlite {
 
 struct OpenOptions {
   bool read_only = false;
+  // Read the file as it stands, without locks and without its log: the only way SQLite reads
+  // a WAL file in a directory it may not write. Sound only while nothing writes the file.
+  // Implies read_only.
+  bool immutable = false;
   std::chrono::milliseconds busy_timeout{5000};
 };
 

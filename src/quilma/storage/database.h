@@ -71,6 +71,14 @@ struct Compaction {
   bool operator==(const Compaction&) const = default;
 };
 
+// A database file's pages: all of them, and those on the free list (held, but used by no table
+// or index: what a compaction would give back).
+struct PageUse {
+  std::int64_t pages = 0;
+  std::int64_t free_pages = 0;
+  std::int64_t page_size = 0;
+};
+
 // How many read connections to keep, from QUILMA_DB_READERS: 6 when it is unset, empty or
 // not an integer; otherwise the value clamped to 0..32. 0 means no pool. Read on every call.
 int reader_count();
@@ -144,6 +152,10 @@ class Database {
   void migrate_schema();
   // Whether the file passes SQLite's integrity check.
   bool check_integrity();
+  // The messages of SQLite's integrity check, in its order; none when the file passes.
+  std::vector<std::string> integrity_problems();
+  // How many pages the file has and how many of them are free.
+  PageUse page_use();
 
   // The index generation, in the file header's user version: it goes up by one each time
   // the index is replaced wholesale, so every process with the file open can tell that its

@@ -5,6 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include <sqlite3.h>
+
 #include "quilma/sqlite/error.h"
 #include "quilma/storage/database.h"
 #include "quilma/storage/database_detail.h"
@@ -98,6 +100,10 @@ bool is_read_statement(std::string_view sql) {
   return equals_upper(strip(whole), "PRAGMA USER_VERSION");
 }
 
+bool read_only(sqlite::Connection& connection) {
+  return sqlite3_db_readonly(connection.handle(), "main") == 1;
+}
+
 std::string journal_mode(const std::optional<sqlite::Row>& row) {
   if (!row || row->size() == 0 || (*row)[0].is_null()) return {};
   return lower((*row)[0].as_text());
@@ -120,24 +126,48 @@ Database::~Database() {
   }
 }
 
+namespace {
+
+// The writer's connection. A file this process may not write (another user's index, a copy on
+// a read-only mount) comes out read-only; when the directory does not let SQLite share the
+// file's log either, the file is read as it stands: nothing can be writing it then but its
+// owner, which is the risk the user takes in reading another user's index.
+std::unique_ptr<sqlite::Connection> open_writer(const std::filesystem::path& path) {
+  sqlite::OpenOptions options{.busy_timeout = detail::WRITER_BUSY_TIMEOUT};
+  auto writer = std::make_unique<sqlite::Connection>(path, options);
+  if (!detail::read_only(*writer)) return writer;
+  try {
+    writer->cursor().execute("PRAGMA schema_version").fetchone();
+    return writer;
+  } catch (const sqlite::Error& error) {
+    if (error.code() != SQLITE_READONLY && error.code() != SQLITE_CANTOPEN) throw;
+  }
+  writer->close();
+  options.immutable = true;
+  return std::make_unique<sqlite::Connection>(path, options);
+}
+
+}  // namespace
+
 void Database::connect() {
   if (const std::filesystem::path parent = db_path_.parent_path(); !parent.empty()) {
     std::filesystem::create_directories(parent);
   }
   // The new writer is made ready before anyone can reach it: a thread that finds it in
   // connection_ must not run a statement beside one of the pragmas.
-  auto writer = std::make_unique<sqlite::Connection>(
-      db_path_, sqlite::OpenOptions{.busy_timeout = detail::WRITER_BUSY_TIMEOUT});
+  std::unique_ptr<sqlite::Connection> writer = open_writer(db_path_);
+  const bool read_only = detail::read_only(*writer);
   sqlite::Cursor cursor = writer->cursor();
   // Page size and auto-vacuum shape a file without pages yet. On a file with tables the
   // auto-vacuum pragma would take the write lock (and wait for another process's write) only
   // to change nothing: such a file keeps what it was made with, and the rewrites that change
   // it ask for incremental mode themselves.
-  if (cursor.execute("PRAGMA page_count").fetchone().value()[0].as_int() == 0) {
+  if (!read_only && cursor.execute("PRAGMA page_count").fetchone().value()[0].as_int() == 0) {
     cursor.execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
     cursor.execute("PRAGMA auto_vacuum=INCREMENTAL");
   }
-  const std::optional<sqlite::Row> mode = cursor.execute("PRAGMA journal_mode=WAL").fetchone();
+  const std::optional<sqlite::Row> mode =
+      cursor.execute(read_only ? "PRAGMA journal_mode" : "PRAGMA journal_mode=WAL").fetchone();
   cursor.execute("PRAGMA foreign_keys=ON");
   cursor.execute("PRAGMA synchronous=NORMAL");
   // Debian's SQLite zeroes every page it frees, which made dropping a large full-text table

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
 #include "quilma/sqlite/row.h"
 #include "quilma/sqlite/value.h"
@@ -31,6 +32,10 @@ bool is_read_statement(std::string_view sql);
 
 // Whether a read connection's error means "run it on the writer instead".
 bool reader_cannot_serve(const sqlite::OperationalError& error);
+
+// Whether the connection can only read its main database: SQLite opened a file that this
+// process may not write read-only.
+bool read_only(sqlite::Connection& connection);
 
 // The journal mode that a "PRAGMA journal_mode" row names, in lower case; "" for no row.
 std::string journal_mode(const std::optional<sqlite::Row>& row);

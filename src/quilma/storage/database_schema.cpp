@@ -144,11 +144,27 @@ bool Database::check_integrity() {
   return row && (*row)[0].type() == sqlite::Value::Type::Text && (*row)[0].as_text() == "ok";
 }
 
+std::vector<std::string> Database::integrity_problems() {
+  std::vector<std::string> problems;
+  for (const sqlite::Row& row : fetchall("PRAGMA integrity_check")) {
+    if (!row[0].is_null()) problems.push_back(row[0].as_text());
+  }
+  if (problems == std::vector<std::string>{"ok"}) problems.clear();
+  return problems;
+}
+
+PageUse Database::page_use() {
+  const std::lock_guard hold(lock_);
+  const detail::Space measured = space(connection());
+  return {.pages = measured.pages, .free_pages = measured.free, .page_size = measured.page_size};
+}
+
 void Database::rewrite_pages() {
   const std::lock_guard hold(lock_);
   sqlite::Connection& writer = connection();
   const detail::Space measured = space(writer);
-  if (measured.page_size >= storage_size::PAGE_SIZE) return;
+  // A file this process may not write is read with the pages it has.
+  if (measured.page_size >= storage_size::PAGE_SIZE || detail::read_only(writer)) return;
   const std::int64_t used = (measured.pages - measured.free) * measured.page_size;
   const std::optional<std::string> why_not =
       detail::disk_shortfall(detail::directory_of(db_path_), used);
