@@ -17,8 +17,11 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include "support/child_process.h"
 #include "support/fault_vfs.h"
 #include "support/temp_dir.h"
+
+#include "quilma/cli/indexer.h"
 
 namespace quilma::cli {
 namespace {
@@ -40,6 +43,29 @@ Result quilma_db(const std::vector<std::string>& args, const std::atomic<bool>* 
   const Io io{out, err, false, false, stop};
   const int status = run(static_cast<int>(argv.size()), argv.data(), io);
   return {status, out.str(), err.str()};
+}
+
+std::string read_file(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Runs a program with its output in a pipe; its standard error goes to the test's.
+Result run_program(const std::vector<std::string>& args) {
+  testing::ChildProcess child(args);
+  child.close_input();
+  Result result{0, "", ""};
+  while (const std::optional<std::string> line = child.read_line()) result.out += *line + "\n";
+  result.status = child.wait();
+  return result;
+}
+
+// Output of one JSON object per line.
+std::vector<json> json_lines(const std::string& out) {
+  std::vector<json> objects;
+  std::istringstream in(out);
+  for (std::string line; std::getline(in, line);) objects.push_back(json::parse(line));
+  return objects;
 }
 
 void write(const fs::path& path, const std::string& content) {
@@ -140,11 +166,13 @@ TEST_F(IndexedRepoTest, JsonOutputParses) {
   EXPECT_GT(stats["file_bytes"], 0);
   EXPECT_TRUE(stats["last_index"].get<std::string>().ends_with("Z"));
 
-  const json hits = json::parse(in_repo({"search", "--json", "compute OR helper"}).out);
-  EXPECT_EQ(hits.size(), 2U);
-  const json limited = json::parse(in_repo({"search", "--json", "--limit", "1", "value_*"}).out);
+  EXPECT_EQ(json_lines(in_repo({"search", "--json", "compute OR helper"}).out).size(), 2U);
+  const std::vector<json> limited =
+      json_lines(in_repo({"search", "--json", "--limit", "1", "value_*"}).out);
   ASSERT_EQ(limited.size(), 1U);
   EXPECT_EQ(limited[0]["path"], "src/planted.py");
+  EXPECT_EQ(stats["free_pages"], 0);
+  EXPECT_GT(stats["pages"], 0);
 
   EXPECT_EQ(json::parse(in_repo({"check", "--json"}).out)["ok"], true);
   EXPECT_EQ(json::parse(in_repo({"compact", "--json"}).out)["pages_released"], 0);
@@ -203,7 +231,7 @@ TEST_F(IndexedRepoTest, NamesThatAreNotUtf8AndTheTextOfPlainAnswers) {
   write(repo_ / "blob\xff.bin", std::string("\0\1\2", 3));
   ASSERT_EQ(in_repo({"index", "-q"}).status, 0);
   EXPECT_EQ(in_repo({"search", "latinName"}).out, "caf\\xe9.py:1: latinName = 1\n");
-  EXPECT_EQ(json::parse(in_repo({"search", "--json", "latinName"}).out)[0]["path"],
+  EXPECT_EQ(json::parse(in_repo({"search", "--json", "latinName"}).out)["path"],
             "caf\xef\xbf\xbd.py");  // U+FFFD
   const json errors = json::parse(in_repo({"errors", "--json"}).out);
   EXPECT_EQ(errors[1]["path"], "blob\xef\xbf\xbd.bin");
@@ -215,6 +243,94 @@ TEST_F(IndexedRepoTest, NamesThatAreNotUtf8AndTheTextOfPlainAnswers) {
             "for later\n");
 }
 
+TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
+  write(repo_ / "src/more.py",
+        "planted_identifier = 1\nPlantedIdentifier()\n# plantedIdentifier\n");
+  ASSERT_EQ(in_repo({"index", "-q"}).status, 0);
+  // Case and whole identifiers, and the files that hold them.
+  EXPECT_EQ(in_repo({"search", "-w", "-s", "--sort", "path", "plantedIdentifier"}).out,
+            "src/more.py:3: # plantedIdentifier\nsrc/planted.py:73: plantedIdentifier = "
+            "compute(73)\n");
+  EXPECT_EQ(in_repo({"search", "-w", "-l", "--sort", "path", "PLANTEDIDENTIFIER"}).out,
+            "src/more.py\nsrc/planted.py\n");
+  EXPECT_EQ(in_repo({"search", "-c", "--path", "*.py", "--sort", "path", "value_1*"}).out,
+            "src/planted.py:32\n");
+  EXPECT_EQ(json_lines(in_repo({"search", "-c", "--json", "--sort", "path", "planted"}).out),
+            (std::vector<json>{{{"path", "docs/readme.md"}, {"count", 1}},
+                               {{"path", "src/more.py"}, {"count", 1}}}));
+  EXPECT_EQ(in_repo({"search", "--path", "docs/**", "plantedIdentifier"}).out, "");
+
+  // A limit that cuts the result says so on stderr, and only then.
+  const Result cut = in_repo({"search", "--limit", "2", "value_*"});
+  EXPECT_EQ(std::count(cut.out.begin(), cut.out.end(), '\n'), 2);
+  EXPECT_EQ(cut.err,
+            "quilma-db: showing the first 2 matching lines; more match (--limit N, or --all)\n");
+  const Result all = in_repo({"search", "--all", "value_*"});
+  EXPECT_EQ(std::count(all.out.begin(), all.out.end(), '\n'), 119);
+  EXPECT_EQ(all.err, "");
+
+  // Context: groups that meet are printed once, others apart after "--".
+  EXPECT_EQ(
+      in_repo({"search", "-C", "1", "--sort", "path", "value_10 OR value_12 OR value_40"}).out,
+      "src/planted.py-9- value_9 = 9\n"
+      "src/planted.py:10: value_10 = 10\n"
+      "src/planted.py-11- value_11 = 11\n"
+      "src/planted.py:12: value_12 = 12\n"
+      "src/planted.py-13- value_13 = 13\n"
+      "--\n"
+      "src/planted.py-39- value_39 = 39\n"
+      "src/planted.py:40: value_40 = 40\n"
+      "src/planted.py-41- value_41 = 41\n");
+}
+
+TEST_F(IndexedRepoTest, CheckNamesWhatIsDamaged) {
+  const fs::path file = repo_ / "memory/codebase-index/index.db";
+  std::int64_t root = 0;
+  {
+    storage::Database db(file);
+    open_database(db);
+    root =
+        db.fetchone("SELECT rootpage FROM sqlite_schema WHERE name = 'files'").value()[0].as_int();
+  }
+  std::fstream damaged(file, std::ios::in | std::ios::out | std::ios::binary);
+  damaged.seekp((root - 1) * 8192 + 8);  // the first cell pointers of the table's root page
+  damaged.write("\x00\x05\x00\x07", 4);
+  damaged.close();
+  const Result check = in_repo({"check"});
+  EXPECT_EQ(check.status, EXIT_FAILED);
+  EXPECT_NE(check.out.find("Offset 5 out of range"), std::string::npos) << check.out;
+  EXPECT_TRUE(check.err.starts_with("quilma-db: check: integrity check failed: ")) << check.err;
+  const json report = json::parse(in_repo({"check", "--json"}).out);
+  EXPECT_EQ(report["ok"], false);
+  EXPECT_GE(report["problems"].size(), 2U);
+}
+
+// An index this user may not write, in a directory it may not write either: searched all the
+// same, and left byte for byte as it was.
+TEST_F(IndexedRepoTest, AnIndexThatCannotBeWrittenIsSearched) {
+  const fs::path index_dir = repo_ / "memory/codebase-index";
+  const std::string before = read_file(index_dir / "index.db");
+  std::vector<std::string> command{QUILMA_DB_EXECUTABLE};
+  if (::geteuid() == 0) {
+    // Permissions do not bind root: run as nobody, from a copy of the program it can reach.
+    fs::copy_file(QUILMA_DB_EXECUTABLE, dir_ / "quilma-db");
+    for (fs::path at = repo_; at != dir_.path().parent_path(); at = at.parent_path()) {
+      fs::permissions(at, fs::perms::others_read | fs::perms::others_exec, fs::perm_options::add);
+    }
+    command = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+               (dir_ / "quilma-db").string()};
+  }
+  fs::permissions(index_dir / "index.db", fs::perms::owner_write, fs::perm_options::remove);
+  fs::permissions(index_dir, fs::perms::owner_write, fs::perm_options::remove);
+  command.insert(command.end(), {"search", "plantedIdentifier", repo_.string()});
+  const Result found = run_program(command);
+  fs::permissions(index_dir, fs::perms::owner_write, fs::perm_options::add);
+  EXPECT_EQ(found.status, 0) << found.err;
+  EXPECT_EQ(found.out, "src/planted.py:73: plantedIdentifier = compute(73)\n");
+  EXPECT_EQ(database_dir(), (std::vector<std::string>{".gitignore", "index.db"}));
+  EXPECT_EQ(read_file(index_dir / "index.db"), before);
+}
+
 TEST(AppTest, BadUsageAndFailedOperations) {
   testing::TempDir dir;
   const std::string empty = dir.path().string();
@@ -224,6 +340,9 @@ TEST(AppTest, BadUsageAndFailedOperations) {
       {{"search"}, "QUERY is required"},
       {{"search", "x", empty, "--limit", "0"},
        "--limit takes a whole number of 1 or more, not '0'"},
+      {{"search", "x", "-l", "-c"}, "excludes"},
+      {{"search", "x", "--all", "--limit", "3"}, "excludes"},
+      {{"search", "x", "--sort", "size"}, "--sort"},
       {{"stamp", "python"}, "expected LANG=VERSION"},
       {{"stamp", "python=two"}, "expected LANG=VERSION"},
       {{"stamp", "python=1", "python=2"}, "language 'python' given twice"}};
@@ -255,7 +374,9 @@ TEST(AppTest, BadUsageAndFailedOperations) {
   EXPECT_EQ(malformed.status, EXIT_USAGE);
   EXPECT_EQ(malformed.err,
             "quilma-db: malformed search query \"std::vector\" (no such column: std); put text "
-            "with punctuation in double quotes, as in '\"std::vector\"'\n");
+            "with punctuation in double quotes, as in '\"std::vector\"', or search for it "
+            "literally with -w or -s\n");
+  EXPECT_EQ(quilma_db({"search", "-w", "-s", "--", "std::vector", empty}).status, 0);
   EXPECT_EQ(quilma_db({"search", "\"std::vector\"", empty}).status, 0);
   const Result unbalanced = quilma_db({"search", "\"open", empty});
   EXPECT_EQ(unbalanced.status, EXIT_USAGE);

@@ -53,8 +53,11 @@ struct Options {
   bool quiet = false;
   bool json = false;
   std::string color = "auto";
-  std::string query;
-  std::int64_t limit = 20;
+  SearchRequest search;
+  bool all = false;
+  bool files_only = false;
+  bool counts = false;
+  std::string sort = "rank";
   std::string staging;
   std::vector<std::string> stamps;
 };
@@ -137,6 +140,16 @@ class Command {
   int print_json(const json& value) const {
     io_.out << value.dump(2, ' ', false, json::error_handler_t::replace) << '\n';
     return 0;
+  }
+  // One JSON object on a line of its own, for output that is read as it streams.
+  void print_line(const json& value) const {
+    io_.out << value.dump(-1, ' ', false, json::error_handler_t::replace) << '\n';
+  }
+  // Says on `err` that the limit left results out.
+  void notice_cut(std::size_t shown, std::string_view what) const {
+    if (options_.quiet) return;
+    fmt::print(io_.err, "quilma-db: showing the first {} {}; more match (--limit N, or --all)\n",
+               shown, what);
   }
   template <class... Args>
   int print(fmt::format_string<Args...> format, Args&&... args) const {
@@ -225,30 +238,92 @@ int Command::index() {
 int Command::search() {
   storage::Database db(index_database());
   open_existing(db);
-  const std::vector<SearchHit> hits = cli::search(db, options_.query, options_.limit);
-  if (options_.json) {
-    json list = json::array();
-    for (const SearchHit& hit : hits) {
-      list.push_back(
-          {{"path", hit.path}, {"line", hit.line}, {"text", hit.text}, {"matches", hit.matches}});
+  SearchRequest request = options_.search;
+  request.by_path = options_.sort == "path";
+  const bool per_file = options_.files_only || options_.counts;
+  if (options_.all || per_file) request.limit = std::nullopt;
+  SearchResult result = cli::search(db, request);
+
+  if (per_file) {
+    // Files in the order of their first matching line, with how many lines matched.
+    std::vector<std::pair<std::string, std::int64_t>> files;
+    std::map<std::string_view, std::size_t> at;
+    for (const SearchHit& hit : result.hits) {
+      const auto [found, added] = at.try_emplace(hit.path, files.size());
+      if (added) files.emplace_back(hit.path, 0);
+      ++files[found->second].second;
     }
-    return print_json(list);
+    const std::int64_t limit = options_.search.limit.value_or(0);
+    if (!options_.all && std::cmp_greater(files.size(), limit)) {
+      files.resize(static_cast<std::size_t>(limit));
+      result.cut = true;
+    }
+    for (const auto& [path, count] : files) {
+      if (options_.json) {
+        print_line(options_.counts ? json{{"path", path}, {"count", count}} : json{{"path", path}});
+      } else if (options_.counts) {
+        print("{}:{}", shown(path), count);
+      } else {
+        print("{}", shown(path));
+      }
+    }
+    if (result.cut) notice_cut(files.size(), "files");
+    return 0;
   }
+
   const bool marked = colour();
-  for (const SearchHit& hit : hits) {
+  const std::vector<SearchHit>& hits = result.hits;
+  std::string_view group_path;  // the file of the lines printed last, and the last of them
+  std::int64_t printed = 0;
+  for (std::size_t i = 0; i < hits.size(); ++i) {
+    const SearchHit& hit = hits[i];
+    if (options_.json) {
+      json object{
+          {"path", hit.path}, {"line", hit.line}, {"text", hit.text}, {"matches", hit.matches}};
+      if (request.context > 0) {
+        object["before"] = hit.before;
+        object["after"] = hit.after;
+      }
+      print_line(object);
+      continue;
+    }
+    // Context lines print once: a hit whose context meets the lines printed last joins them;
+    // any other starts a group of its own, after "--" as grep marks it.
+    std::int64_t line = hit.line - static_cast<std::int64_t>(hit.before.size());
+    if (group_path == hit.path && hit.line > printed && line <= printed + 1) {
+      line = printed + 1;
+    } else if (i > 0 && request.context > 0) {
+      print("--");
+    }
+    for (; line < hit.line; ++line) {
+      print("{}-{}- {}", shown(hit.path), line,
+            hit.before[hit.before.size() - static_cast<std::size_t>(hit.line - line)]);
+    }
     std::string text;
-    std::size_t at = 0;
+    std::size_t from = 0;
     for (const auto& [begin, end] : hit.matches) {
-      if (begin < at) continue;
-      text.append(hit.text, at, begin - at);
+      if (begin < from) continue;
+      text.append(hit.text, from, begin - from);
       text += marked ? "\033[1;31m" : "";
       text.append(hit.text, begin, end - begin);
       text += marked ? "\033[0m" : "";
-      at = end;
+      from = end;
     }
-    text.append(hit.text, at);
+    text.append(hit.text, from);
     print("{}:{}: {}", shown(hit.path), hit.line, text);
+    // The lines after it stop short of a next hit of the same file that falls among them.
+    std::int64_t last = hit.line + static_cast<std::int64_t>(hit.after.size());
+    if (i + 1 < hits.size() && hits[i + 1].path == hit.path && hits[i + 1].line > hit.line) {
+      last = std::min(last, hits[i + 1].line - 1);
+    }
+    for (line = hit.line + 1; line <= last; ++line) {
+      print("{}-{}- {}", shown(hit.path), line,
+            hit.after[static_cast<std::size_t>(line - hit.line - 1)]);
+    }
+    group_path = hit.path;
+    printed = std::max(last, hit.line);
   }
+  if (result.cut) notice_cut(result.hits.size(), "matching lines");
   return 0;
 }
 
@@ -273,6 +348,7 @@ int Command::stats() {
     const std::uintmax_t size = fs::file_size(path, missing);
     return missing ? std::int64_t{0} : static_cast<std::int64_t>(size);
   };
+  const storage::PageUse pages = db.page_use();
   const std::int64_t file_bytes = size_of(db.db_path());
   const std::int64_t log_bytes = size_of(db.db_path().string() + "-wal");
   if (options_.json) {
@@ -281,12 +357,20 @@ int Command::stats() {
     object["database"] = db.db_path().string();
     object["file_bytes"] = file_bytes;
     object["log_bytes"] = log_bytes;
+    object["pages"] = pages.pages;
+    object["free_pages"] = pages.free_pages;
+    object["page_size"] = pages.page_size;
     object["last_index"] = built ? json(*built) : json();
     return print_json(object);
   }
   print("{:<11}{}", "database", db.db_path().string());
   print("{:<11}{:.1f} MiB, log {:.1f} MiB", "size", static_cast<double>(file_bytes) / 1048576.0,
         static_cast<double>(log_bytes) / 1048576.0);
+  print("{:<11}{} of {} bytes, {} free ({:.0f}%)", "pages", pages.pages, pages.page_size,
+        pages.free_pages,
+        pages.pages > 0
+            ? 100.0 * static_cast<double>(pages.free_pages) / static_cast<double>(pages.pages)
+            : 0.0);
   for (const auto& [name, count] : counts) print("{:<11}{}", name, count);
   print("{:<11}{}", "generation", generation);
   return print("{:<11}{}", "indexed", built.value_or("never"));
@@ -319,9 +403,17 @@ int Command::errors() {
 int Command::check() {
   storage::Database db(index_database());
   open_existing(db);
-  const bool ok = db.check_integrity();
-  if (options_.json) print_json(json{{"ok", ok}});
-  if (!ok) throw std::runtime_error("integrity check failed: " + db.db_path().string());
+  const std::vector<std::string> problems = db.integrity_problems();
+  if (options_.json) {
+    print_json(json{{"ok", problems.empty()}, {"problems", problems}});
+  } else {
+    for (const std::string& problem : problems) print("{}", problem);
+  }
+  if (!problems.empty()) {
+    throw std::runtime_error(fmt::format("integrity check failed: {} ({} problem{})",
+                                         db.db_path().string(), problems.size(),
+                                         problems.size() == 1 ? "" : "s"));
+  }
   return options_.json ? 0 : print("ok");
 }
 
@@ -461,7 +553,9 @@ int run(int argc, const char* const* argv, const Io& io) {
   for (const Entry& entry : COMMANDS)
     subs[entry.name] = app.add_subcommand(entry.name, entry.about);
   subs["search"]
-      ->add_option("QUERY", options.query, "Words, \"phrases\", prefix*, AND, OR, NOT, NEAR(...)")
+      ->add_option("QUERY", options.search.query,
+                   "Words, \"phrases\", prefix*, AND, OR, NOT, NEAR(...); with -w or -s, a text "
+                   "taken literally")
       ->required();
   subs["swap"]->add_option("STAGING", options.staging, "The staging database")->required();
   subs["stamp"]
@@ -474,8 +568,23 @@ int run(int argc, const char* const* argv, const Io& io) {
       sub->add_option("REPO", options.repo, "The repository (default: .)");
     }
   }
-  subs["search"]
-      ->add_option("--limit", options.limit, "At most this many matching lines")
+  CLI::App& search = *subs["search"];
+  search.add_flag("-w,--word", options.search.whole_word,
+                  "QUERY is a text that stands as a whole identifier, as with grep -w");
+  search.add_flag("-s,--case-sensitive", options.search.case_sensitive,
+                  "QUERY is a text matched in its own case, accents as written");
+  search.add_option("--path", options.search.paths,
+                    "Only files whose path matches GLOB (*, ?, [...], **); without a '/', the "
+                    "file name in any directory. Repeat for more");
+  search.add_option("--sort", options.sort, "rank (the best chunks first) or path (as grep)")
+      ->check(CLI::IsMember({"rank", "path"}));
+  search.add_option("-C,--context", options.search.context, "Lines of context around each line")
+      ->check(CLI::Range(std::int64_t{0}, std::int64_t{1000}));
+  search.add_flag("-l,--files-with-matches", options.files_only, "Only the files that match");
+  search.add_flag("-c,--count", options.counts, "The files that match, with how many lines each");
+  search
+      .add_option("--limit", options.search.limit,
+                  "At most this many matching lines (files with -l or -c)")
       ->check(CLI::Validator(
           [](const std::string& value) {
             return std::all_of(value.begin(), value.end(),
@@ -485,6 +594,8 @@ int run(int argc, const char* const* argv, const Io& io) {
                        : "--limit takes a whole number of 1 or more, not '" + value + "'";
           },
           "N >= 1"));
+  search.add_flag("--all", options.all, "Every match, without a limit")->excludes("--limit");
+  search.get_option("-l")->excludes("-c");
   app.require_subcommand(1);
 
   if (const std::optional<std::string> unknown = unknown_command(argc, argv, subs)) {

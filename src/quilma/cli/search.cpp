@@ -1,8 +1,13 @@
 // Search: FTS5 ranks the chunks; highlight() marks the matched tokens, and the marks tell
-// which lines of a chunk matched.
+// which lines of a chunk matched. A literal text is looked for in the chunks that hold its
+// words, line by line.
 #include "quilma/cli/search.h"
 
 #include <algorithm>
+#include <limits>
+#include <map>
+#include <optional>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -45,15 +50,30 @@ void shorten(SearchHit& hit) {
   hit.matches = std::move(kept);
 }
 
-// Adds to `hits` the lines of one highlighted chunk that hold a mark.
-void add_lines(std::string_view path, std::int64_t start_line, std::string_view highlighted,
-               std::vector<SearchHit>& hits, std::size_t limit) {
+// Takes the line break and the indent off a matched line, shifting its matches with it, and
+// cuts it to length.
+void finish(SearchHit& hit) {
+  if (!hit.text.empty() && hit.text.back() == '\r') hit.text.pop_back();
+  const std::size_t indent = std::min(hit.text.find_first_not_of(" \t"), hit.text.size());
+  hit.text.erase(0, indent);
+  for (auto& [from, to] : hit.matches) {
+    from = from > indent ? from - indent : 0;
+    to = std::min(to > indent ? to - indent : 0, hit.text.size());
+  }
+  shorten(hit);
+}
+
+// Adds to `hits` the lines of one highlighted chunk that hold a mark, until `hits` holds `room`.
+void add_marked_lines(std::string_view path, std::int64_t start_line, std::string_view highlighted,
+                      std::vector<SearchHit>& hits, std::size_t room) {
   bool inside = false;  // a match that began on an earlier line goes on
   std::int64_t line = start_line;
-  while (hits.size() < limit) {
+  while (hits.size() < room) {
     const std::size_t newline = std::min(highlighted.find('\n'), highlighted.size());
     const std::string_view raw = highlighted.substr(0, newline);
-    SearchHit hit{std::string(path), line, {}, {}};
+    SearchHit hit;
+    hit.path = path;
+    hit.line = line;
     bool matched = inside;
     std::size_t match_begin = 0;
     for (const char c : raw) {
@@ -69,14 +89,7 @@ void add_lines(std::string_view path, std::int64_t start_line, std::string_view 
     }
     if (inside) hit.matches.emplace_back(match_begin, hit.text.size());
     if (matched) {
-      if (!hit.text.empty() && hit.text.back() == '\r') hit.text.pop_back();
-      const std::size_t indent = std::min(hit.text.find_first_not_of(" \t"), hit.text.size());
-      hit.text.erase(0, indent);
-      for (auto& [from, to] : hit.matches) {
-        from = from > indent ? from - indent : 0;
-        to = std::min(to > indent ? to - indent : 0, hit.text.size());
-      }
-      shorten(hit);
+      finish(hit);
       hits.push_back(std::move(hit));
     }
     if (newline == highlighted.size()) break;
@@ -85,38 +98,201 @@ void add_lines(std::string_view path, std::int64_t start_line, std::string_view 
   }
 }
 
+bool is_ascii_alnum(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+// A character of an identifier, as grep -w counts them (bytes of other characters are not).
+bool is_word_byte(char c) { return is_ascii_alnum(c) || c == '_'; }
+// A byte of a word of the full-text index: letters and digits, every non-ASCII one included.
+bool is_token_byte(char c) { return is_ascii_alnum(c) || static_cast<unsigned char>(c) >= 0x80; }
+
+char fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+bool same_at(std::string_view line, std::size_t at, std::string_view term, bool case_sensitive) {
+  if (case_sensitive) return line.compare(at, term.size(), term) == 0;
+  for (std::size_t i = 0; i < term.size(); ++i) {
+    if (fold(line[at + i]) != fold(term[i])) return false;
+  }
+  return true;
+}
+
+// Where `term` stands in `line` on the boundaries that `request` asks for, without overlaps.
+std::vector<std::pair<std::size_t, std::size_t>> literal_matches(std::string_view line,
+                                                                 std::string_view term,
+                                                                 const SearchRequest& request) {
+  std::vector<std::pair<std::size_t, std::size_t>> found;
+  for (std::size_t at = 0; at + term.size() <= line.size();) {
+    const std::size_t end = at + term.size();
+    bool fits = same_at(line, at, term, request.case_sensitive);
+    if (fits && request.whole_word) {
+      fits = (at == 0 || !is_word_byte(line[at - 1])) &&
+             (end == line.size() || !is_word_byte(line[end]));
+    } else if (fits) {
+      fits = (!is_token_byte(term.front()) || at == 0 || !is_token_byte(line[at - 1])) &&
+             (!is_token_byte(term.back()) || end == line.size() || !is_token_byte(line[end]));
+    }
+    if (fits) found.emplace_back(at, end);
+    at = fits ? end : at + 1;
+  }
+  return found;
+}
+
+// Adds to `hits` the lines of one chunk that hold `term`, until `hits` holds `room`.
+void add_literal_lines(std::string_view path, std::int64_t start_line, std::string_view text,
+                       const SearchRequest& request, std::vector<SearchHit>& hits,
+                       std::size_t room) {
+  for (std::int64_t line = start_line; hits.size() < room; ++line) {
+    const std::size_t newline = std::min(text.find('\n'), text.size());
+    std::string_view raw = text.substr(0, newline);
+    if (raw.ends_with('\r')) raw.remove_suffix(1);
+    if (auto matches = literal_matches(raw, request.query, request); !matches.empty()) {
+      SearchHit hit;
+      hit.path = path;
+      hit.line = line;
+      hit.text = raw;
+      hit.matches = std::move(matches);
+      finish(hit);
+      hits.push_back(std::move(hit));
+    }
+    if (newline == text.size()) break;
+    text.remove_prefix(newline + 1);
+  }
+}
+
+// A context line as a matched line is shown: without its indent, and cut to length.
+std::string context_line(std::string_view line) {
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+  return std::string(line.substr(0, char_start(line, std::min(line.size(), MAX_HIT_BYTES))));
+}
+
+// Every line of a file, from its chunks; [0] stands for line 1.
+std::vector<std::string> file_lines(sqlite::Cursor& cursor, std::int64_t file_id) {
+  using storage::core_schema::chunk_rowid;
+  std::vector<std::string> lines;
+  for (const sqlite::Row& row : cursor
+                                    .execute("SELECT start_line, text FROM code_chunks "
+                                             "WHERE rowid >= ? AND rowid < ? ORDER BY rowid",
+                                             {chunk_rowid(file_id, 0), chunk_rowid(file_id + 1, 0)})
+                                    .fetchall()) {
+    const std::string chunk = row[1].as_text();
+    std::string_view text = chunk;
+    for (auto line = static_cast<std::size_t>(row[0].as_int()); line >= 1; ++line) {
+      const std::size_t newline = std::min(text.find('\n'), text.size());
+      if (lines.size() < line) lines.resize(line);
+      lines[line - 1] = context_line(text.substr(0, newline));
+      if (newline == text.size()) break;
+      text.remove_prefix(newline + 1);
+    }
+  }
+  return lines;
+}
+
+// Puts the context lines around each hit; `files` holds the id of each hit's file.
+void add_context(sqlite::Cursor& cursor, const std::vector<std::int64_t>& files,
+                 std::int64_t context, std::vector<SearchHit>& hits) {
+  std::map<std::int64_t, std::vector<std::string>> loaded;
+  for (std::size_t i = 0; i < hits.size(); ++i) {
+    auto [at, added] = loaded.try_emplace(files[i]);
+    if (added) at->second = file_lines(cursor, files[i]);
+    const std::vector<std::string>& lines = at->second;
+    SearchHit& hit = hits[i];
+    for (std::int64_t line = std::max<std::int64_t>(1, hit.line - context); line < hit.line;
+         ++line) {
+      hit.before.push_back(lines.at(static_cast<std::size_t>(line - 1)));
+    }
+    for (std::int64_t line = hit.line + 1;
+         line <= hit.line + context && std::cmp_less_equal(line, lines.size()); ++line) {
+      hit.after.push_back(lines[static_cast<std::size_t>(line - 1)]);
+    }
+  }
+}
+
+// The full-text query that finds every chunk holding the literal `term`: the phrase of its
+// words. std::nullopt when it has none: every chunk is a candidate then.
+std::optional<std::string> literal_phrase(std::string_view term) {
+  if (std::none_of(term.begin(), term.end(), is_token_byte)) return std::nullopt;
+  std::string phrase = "\"";
+  for (const char c : term) phrase += c == '"' ? std::string("\"\"") : std::string(1, c);
+  return phrase + "\"";
+}
+
+[[noreturn]] void rethrow_as_malformed(const sqlite::OperationalError& error,
+                                       std::string_view query) {
+  std::string_view reason = error.what();
+  if (!reason.starts_with("fts5:") && !reason.starts_with("no such column:") &&
+      !reason.starts_with("unknown special query:") && !reason.starts_with("unterminated")) {
+    throw error;
+  }
+  if (reason.starts_with("fts5: ")) reason.remove_prefix(6);
+  const std::string_view hint =
+      reason.starts_with("unterminated")
+          ? "close every double quote; a double quote inside a phrase is written twice"
+          : "put text with punctuation in double quotes, as in '\"std::vector\"', or search for "
+            "it literally with -w or -s";
+  throw MalformedQuery(fmt::format("malformed search query \"{}\" ({}); {}", query, reason, hint));
+}
+
 }  // namespace
 
-std::vector<SearchHit> search(storage::Database& db, std::string_view query, std::int64_t limit) {
-  if (limit <= 0) return {};
-  constexpr std::string_view SQL =
-      "SELECT files.path, chunk.start_line, chunk.marked FROM ("
-      "SELECT rowid AS id, start_line, highlight(code_chunks, 0, char(1), char(2)) AS marked, "
-      "rank FROM code_chunks WHERE code_chunks MATCH ? ORDER BY rank LIMIT ?) AS chunk "
-      "JOIN files ON files.id = chunk.id / ? ORDER BY chunk.rank, chunk.id";
-  std::vector<sqlite::Row> rows;
-  try {
-    rows = db.fetchall(SQL, {query, limit, storage::core_schema::CHUNKS_PER_FILE});
-  } catch (const sqlite::OperationalError& error) {
-    std::string_view reason = error.what();
-    if (!reason.starts_with("fts5:") && !reason.starts_with("no such column:") &&
-        !reason.starts_with("unknown special query:") && !reason.starts_with("unterminated")) {
-      throw;
+SearchResult search(storage::Database& db, const SearchRequest& request) {
+  const bool literal = request.whole_word || request.case_sensitive;
+  if (literal && request.query.empty()) throw MalformedQuery("nothing to search for");
+  if (request.limit && *request.limit <= 0) return {};
+
+  // code_chunks drives the join (CROSS JOIN keeps it outside): a file's chunks are found by
+  // the file's id, never the other way round.
+  std::string sql = "SELECT files.id, files.path, code_chunks.start_line, ";
+  sql += literal ? "code_chunks.text" : "highlight(code_chunks, 0, char(1), char(2))";
+  sql += " FROM code_chunks CROSS JOIN files ON files.id = code_chunks.rowid / ? WHERE 1";
+  sqlite::Params params{storage::core_schema::CHUNKS_PER_FILE};
+  const std::optional<std::string> match =
+      literal ? literal_phrase(request.query) : std::optional(request.query);
+  if (match) {
+    sql += " AND code_chunks MATCH ?";
+    params.emplace_back(*match);
+  }
+  for (std::size_t i = 0; i < request.paths.size(); ++i) {
+    sql += i == 0 ? " AND (" : " OR ";
+    sql += "path_glob(?, files.path)";
+    const std::string& glob = request.paths[i];
+    params.emplace_back(glob.find('/') == std::string::npos ? "**/" + glob : glob);
+  }
+  if (!request.paths.empty()) sql += ")";
+  sql += match && !request.by_path ? " ORDER BY code_chunks.rank, code_chunks.rowid"
+                                   : " ORDER BY files.path, code_chunks.rowid";
+
+  // One more line than the limit tells that the limit cut the result.
+  const std::size_t room = request.limit ? static_cast<std::size_t>(*request.limit) + 1
+                                         : std::numeric_limits<std::size_t>::max();
+  return db.read([&](sqlite::Cursor& cursor) {
+    SearchResult result;
+    std::vector<std::int64_t> files;  // each hit's file
+    try {
+      cursor.execute(sql, params);
+      while (result.hits.size() < room) {
+        const std::optional<sqlite::Row> row = cursor.fetchone();
+        if (!row) break;
+        const std::string path = (*row)[1].as_text();
+        const std::string text = (*row)[3].as_text();
+        if (literal) {
+          add_literal_lines(path, (*row)[2].as_int(), text, request, result.hits, room);
+        } else {
+          add_marked_lines(path, (*row)[2].as_int(), text, result.hits, room);
+        }
+        files.resize(result.hits.size(), (*row)[0].as_int());
+      }
+    } catch (const sqlite::OperationalError& error) {
+      if (literal) throw;
+      rethrow_as_malformed(error, request.query);
     }
-    if (reason.starts_with("fts5: ")) reason.remove_prefix(6);
-    const std::string_view hint =
-        reason.starts_with("unterminated")
-            ? "close every double quote; a double quote inside a phrase is written twice"
-            : "put text with punctuation in double quotes, as in '\"std::vector\"'";
-    throw MalformedQuery(
-        fmt::format("malformed search query \"{}\" ({}); {}", query, reason, hint));
-  }
-  std::vector<SearchHit> hits;
-  for (const sqlite::Row& row : rows) {
-    add_lines(row[0].as_text(), row[1].as_int(), row[2].as_text(), hits,
-              static_cast<std::size_t>(limit));
-  }
-  return hits;
+    if (result.hits.size() == room && request.limit) {
+      result.hits.pop_back();
+      result.cut = true;
+    }
+    if (request.context > 0) add_context(cursor, files, request.context, result.hits);
+    return result;
+  });
 }
 
 }  // namespace quilma::cli
