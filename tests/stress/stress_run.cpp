@@ -370,10 +370,13 @@ void cli_loop(const fs::path& dir, Tally& tally, Over over) {
     });
     if (!ran) continue;
     tally.op();
-    const json out = json::parse(slurp(dir / "cli.out"), nullptr, false);
+    // search prints one object per line: its first line is enough.
+    std::string printed = slurp(dir / "cli.out");
+    if (command[0] == "search") printed.resize(std::min(printed.find('\n'), printed.size()));
+    const json out = json::parse(printed, nullptr, false);
     const bool whole = command[0] == "stats"        ? out.value("files", -1) == files
                        : command[0] == "generation" ? out.value("generation", 0) >= last_generation
-                       : command[0] == "search"     ? out.is_array() && !out.empty()
+                       : command[0] == "search"     ? out.is_object() && out.contains("path")
                                                     : out.is_array() && out.size() == 1;
     if (command[0] == "generation") last_generation = out.value("generation", 0);
     if (!whole) tally.fail("torn", command[0] + " printed " + out.dump());

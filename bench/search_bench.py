@@ -1,0 +1,80 @@
+#!/usr/bin/env python3
+"""The search benchmark: `quilma-db search`, from process start to exit, against
+`git grep --no-index` over the same generated tree (the index benchmark's, about 20 000 files
+and 200 MiB), for a rare and a common identifier.
+
+Each command runs once to warm the page cache, then RUNS times; the median wall time counts.
+The ratio is git grep's time over quilma-db's, so above 1 means quilma-db is faster. Both
+print every matching line (quilma-db with --all); the rows also say how many lines each
+printed, which for -w -s must be the same.
+"""
+import argparse
+import os
+import sqlite3
+import statistics
+import subprocess
+import sys
+import time
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from index_bench import ROOT, ensure_tree  # noqa: E402
+
+RUNS = 7
+
+
+def wall(command, cwd):
+    """Median seconds of `command` from start to exit, and the lines it printed."""
+    subprocess.run(command, cwd=cwd, capture_output=True, check=False)
+    times = []
+    lines = 0
+    for _ in range(RUNS):
+        started = time.perf_counter()
+        run = subprocess.run(command, cwd=cwd, capture_output=True, check=False)
+        times.append(time.perf_counter() - started)
+        lines = run.stdout.count(b"\n")
+    return statistics.median(times), lines
+
+
+def identifiers(db):
+    """A rare identifier (in 2 to 5 chunks) and the most common one, from the index's terms."""
+    conn = sqlite3.connect(f"file:{db}?mode=ro", uri=True)
+    conn.execute("CREATE VIRTUAL TABLE temp.terms USING fts5vocab(main, code_chunks, 'row')")
+    rare = conn.execute("SELECT term FROM temp.terms WHERE doc BETWEEN 2 AND 5 AND length(term) >= 8 "
+                        "AND term GLOB '[a-z]*' ORDER BY term LIMIT 1").fetchone()[0]
+    common = conn.execute("SELECT term FROM temp.terms WHERE term GLOB '[a-z]*' "
+                          "AND length(term) >= 4 ORDER BY doc DESC LIMIT 1").fetchone()[0]
+    conn.close()
+    return rare, common
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--files", type=int, default=20000)
+    parser.add_argument("--mib", type=float, default=200.0)
+    parser.add_argument("--binary", default=os.path.join(ROOT, "build/default/quilma-db"))
+    parser.add_argument("--dir", default=os.environ.get("QUILMA_BENCH_DIR",
+                                                        os.path.join(ROOT, "build/bench-data")))
+    args = parser.parse_args()
+
+    tree = os.path.join(args.dir, f"index-tree-{args.files}")
+    ensure_tree(tree, args.files, args.mib)
+    db = os.path.join(args.dir, "search-bench", "index.db")
+    if not os.path.exists(db):
+        subprocess.run([args.binary, "-q", "--db", db, "index", tree], check=True,
+                       stdout=subprocess.DEVNULL)
+    rare, common = identifiers(db)
+
+    print(f"{'identifier':28} {'command':34} {'lines':>7} {'seconds':>8} {'git grep / quilma-db':>21}")
+    for name, term in (("rare", rare), ("common", common)):
+        grep_seconds, grep_lines = wall(["git", "grep", "--no-index", "-n", "-w", "-I", term], tree)
+        for flags in (["-w", "-s"], []):
+            seconds, lines = wall([args.binary, "--db", db, "search", "--all", *flags, term], tree)
+            label = "search --all " + " ".join(flags)
+            print(f"{name + ' ' + term:28} {label:34} {lines:7d} {seconds:8.3f} "
+                  f"{grep_seconds / seconds:20.1f}x")
+        print(f"{name + ' ' + term:28} {'git grep -n -w -I':34} {grep_lines:7d} {grep_seconds:8.3f}")
+
+
+if __name__ == "__main__":
+    main()
