@@ -35,16 +35,24 @@ def wall(command, cwd):
     return statistics.median(times), lines
 
 
-def identifiers(db):
-    """A rare identifier (in 2 to 5 chunks) and the most common one, from the index's terms."""
+def identifiers(db, tree):
+    """A rare identifier (whole, in 1 to 5 lines) and the most common word, from the index's
+    terms."""
     conn = sqlite3.connect(f"file:{db}?mode=ro", uri=True)
     conn.execute("CREATE VIRTUAL TABLE temp.terms USING fts5vocab(main, code_chunks, 'row')")
-    rare = conn.execute("SELECT term FROM temp.terms WHERE doc BETWEEN 2 AND 5 AND length(term) >= 8 "
-                        "AND term GLOB '[a-z]*' ORDER BY term LIMIT 1").fetchone()[0]
+    candidates = conn.execute("SELECT term FROM temp.terms WHERE doc BETWEEN 1 AND 5 "
+                              "AND length(term) >= 8 AND term GLOB '[a-z]*' ORDER BY doc DESC, "
+                              "term LIMIT 200").fetchall()
     common = conn.execute("SELECT term FROM temp.terms WHERE term GLOB '[a-z]*' "
                           "AND length(term) >= 4 ORDER BY doc DESC LIMIT 1").fetchone()[0]
     conn.close()
-    return rare, common
+    # The index keeps words in lower case: take the first that stands alone, as it is written.
+    for (term,) in candidates:
+        found = subprocess.run(["git", "grep", "--no-index", "-h", "-o", "-i", "-w", "-I", term],
+                               cwd=tree, capture_output=True, check=False, text=True)
+        if found.stdout:
+            return found.stdout.split("\n")[0], common
+    raise SystemExit("no rare identifier stands alone in the tree")
 
 
 def main():
@@ -63,7 +71,7 @@ def main():
     if not os.path.exists(db):
         subprocess.run([args.binary, "-q", "--db", db, "index", tree], check=True,
                        stdout=subprocess.DEVNULL)
-    rare, common = identifiers(db)
+    rare, common = identifiers(db, tree)
 
     print(f"{'identifier':28} {'command':34} {'lines':>7} {'seconds':>8} {'git grep / quilma-db':>21}")
     for name, term in (("rare", rare), ("common", common)):
