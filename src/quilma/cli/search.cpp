@@ -108,55 +108,70 @@ bool is_token_byte(char c) { return is_ascii_alnum(c) || static_cast<unsigned ch
 
 char fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-bool same_at(std::string_view line, std::size_t at, std::string_view term, bool case_sensitive) {
-  if (case_sensitive) return line.compare(at, term.size(), term) == 0;
-  for (std::size_t i = 0; i < term.size(); ++i) {
-    if (fold(line[at + i]) != fold(term[i])) return false;
+// Where `term` next occurs in `text` from `at`; npos when nowhere.
+std::size_t find_term(std::string_view text, std::string_view term, std::size_t at,
+                      bool case_sensitive) {
+  if (case_sensitive) return text.find(term, at);
+  const char first = fold(term.front());
+  for (; at + term.size() <= text.size(); ++at) {
+    if (fold(text[at]) != first) continue;
+    std::size_t i = 1;
+    while (i < term.size() && fold(text[at + i]) == fold(term[i])) ++i;
+    if (i == term.size()) return at;
   }
-  return true;
+  return std::string_view::npos;
 }
 
-// Where `term` stands in `line` on the boundaries that `request` asks for, without overlaps.
-std::vector<std::pair<std::size_t, std::size_t>> literal_matches(std::string_view line,
-                                                                 std::string_view term,
-                                                                 const SearchRequest& request) {
-  std::vector<std::pair<std::size_t, std::size_t>> found;
-  for (std::size_t at = 0; at + term.size() <= line.size();) {
-    const std::size_t end = at + term.size();
-    bool fits = same_at(line, at, term, request.case_sensitive);
-    if (fits && request.whole_word) {
-      fits = (at == 0 || !is_word_byte(line[at - 1])) &&
-             (end == line.size() || !is_word_byte(line[end]));
-    } else if (fits) {
-      fits = (!is_token_byte(term.front()) || at == 0 || !is_token_byte(line[at - 1])) &&
-             (!is_token_byte(term.back()) || end == line.size() || !is_token_byte(line[end]));
-    }
-    if (fits) found.emplace_back(at, end);
-    at = fits ? end : at + 1;
+// Whether the occurrence [at, end) of `term` in `text` stands on the boundaries that `request`
+// asks for. A line break is a boundary of either kind.
+bool on_boundaries(std::string_view text, std::size_t at, std::size_t end, std::string_view term,
+                   const SearchRequest& request) {
+  if (request.whole_word) {
+    return (at == 0 || !is_word_byte(text[at - 1])) &&
+           (end == text.size() || !is_word_byte(text[end]));
   }
-  return found;
+  return (!is_token_byte(term.front()) || at == 0 || !is_token_byte(text[at - 1])) &&
+         (!is_token_byte(term.back()) || end == text.size() || !is_token_byte(text[end]));
 }
 
-// Adds to `hits` the lines of one chunk that hold `term`, until `hits` holds `room`.
+// Adds to `hits` the lines of one chunk that hold `term`, until `hits` holds `room`. The text
+// is searched whole, and only the lines with an occurrence are cut out of it.
 void add_literal_lines(std::string_view path, std::int64_t start_line, std::string_view text,
                        const SearchRequest& request, std::vector<SearchHit>& hits,
                        std::size_t room) {
-  for (std::int64_t line = start_line; hits.size() < room; ++line) {
-    const std::size_t newline = std::min(text.find('\n'), text.size());
-    std::string_view raw = text.substr(0, newline);
-    if (raw.ends_with('\r')) raw.remove_suffix(1);
-    if (auto matches = literal_matches(raw, request.query, request); !matches.empty()) {
-      SearchHit hit;
-      hit.path = path;
-      hit.line = line;
-      hit.text = raw;
-      hit.matches = std::move(matches);
-      finish(hit);
-      hits.push_back(std::move(hit));
+  const std::string_view term = request.query;
+  if (term.find('\n') != std::string_view::npos) return;  // no line holds a line break
+  SearchHit hit;  // the line being gathered, from line_begin to line_end of `text`
+  std::size_t line_begin = 0;
+  std::size_t line_end = 0;
+  hit.line = start_line;
+  const auto flush = [&] {
+    if (hit.matches.empty()) return;
+    finish(hit);
+    hits.push_back(std::move(hit));
+    hit.matches.clear();
+  };
+  for (std::size_t at = find_term(text, term, 0, request.case_sensitive);
+       at != std::string_view::npos && hits.size() < room;) {
+    const std::size_t end = at + term.size();
+    if (!on_boundaries(text, at, end, term, request)) {
+      at = find_term(text, term, at + 1, request.case_sensitive);
+      continue;
     }
-    if (newline == text.size()) break;
-    text.remove_prefix(newline + 1);
+    if (hit.matches.empty() || at >= line_end) {
+      flush();
+      hit.line += std::count(text.begin() + static_cast<std::ptrdiff_t>(line_begin),
+                             text.begin() + static_cast<std::ptrdiff_t>(at), '\n');
+      const std::size_t previous_break = text.rfind('\n', at);
+      line_begin = previous_break == std::string_view::npos ? 0 : previous_break + 1;
+      line_end = std::min(text.find('\n', at), text.size());
+      hit.path = path;
+      hit.text = text.substr(line_begin, line_end - line_begin);
+    }
+    hit.matches.emplace_back(at - line_begin, end - line_begin);
+    at = find_term(text, term, end, request.case_sensitive);
   }
+  if (hits.size() < room) flush();
 }
 
 // A context line as a matched line is shown: without its indent, and cut to length.
