@@ -2,6 +2,7 @@
 // and the per-file error records.
 #include <algorithm>
 #include <array>
+#include <future>
 #include <string>
 #include <system_error>
 
@@ -55,32 +56,94 @@ std::optional<std::string> definition(sqlite::Cursor& cursor, std::string_view s
   return (*row)[0].as_text();
 }
 
+// The tables in which FTS5 keeps code_chunks' index and text. A staging build's are copied as
+// they are when both files define them alike: the chunks are not tokenised a second time.
+// code_chunks_config stays the live file's (the staging build's merge settings are its own).
+constexpr std::array<std::string_view, 4> CHUNK_STORE = {
+    "code_chunks_data", "code_chunks_idx", "code_chunks_content", "code_chunks_docsize"};
+
+// The FTS5 format version that code_chunks' configuration records under `schema`.
+std::optional<std::string> chunk_format(sqlite::Cursor& cursor, std::string_view schema) {
+  const std::optional<sqlite::Row> row = cursor
+                                             .execute("SELECT v FROM " + std::string(schema) +
+                                                      ".code_chunks_config WHERE k = 'version'")
+                                             .fetchone();
+  if (!row || (*row)[0].is_null()) return std::nullopt;
+  return (*row)[0].as_text();
+}
+
+// Whether the staging build's code_chunks can be copied table by table into the live one.
+bool same_chunk_store(sqlite::Cursor& cursor) {
+  if (definition(cursor, "main", "code_chunks") != definition(cursor, "stg", "code_chunks")) {
+    return false;
+  }
+  for (const std::string_view table : CHUNK_STORE) {
+    const std::optional<std::string> live = definition(cursor, "main", table);
+    if (!live || live != definition(cursor, "stg", table)) return false;
+  }
+  const std::optional<std::string> format = chunk_format(cursor, "main");
+  return format && format == chunk_format(cursor, "stg");
+}
+
+// Fills the emptied live code_chunks with the staging build's; returns how many chunks.
+std::int64_t copy_chunks(sqlite::Cursor& cursor) {
+  if (!same_chunk_store(cursor)) {
+    cursor.execute(
+        "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
+        "SELECT rowid, text, start_line, end_line, exact FROM stg.code_chunks");
+    return std::max<std::int64_t>(cursor.rowcount(), 0);
+  }
+  std::int64_t chunks = 0;
+  for (const std::string_view table : CHUNK_STORE) {
+    const std::string name(table);
+    cursor.execute("DELETE FROM " + name);  // what a new, empty table starts with
+    cursor.execute("INSERT INTO " + name + " SELECT * FROM stg." + name);
+    if (table == "code_chunks_content") chunks = std::max<std::int64_t>(cursor.rowcount(), 0);
+  }
+  return chunks;
+}
+
 // Refuses a staging file that is damaged or whose rows refer to rows it lacks, before the swap
 // takes any lock: its reading costs other processes no waiting. The swap copies with foreign
 // keys off, so the references are checked here instead.
 void check_staging(const std::filesystem::path& staging_path) {
   const std::string name = staging_path.string();
+  // Each check reads the whole file: they run side by side, on a connection each. FTS5's own
+  // check compares code_chunks' index with its text, which the swap may copy as they are.
+  std::future<std::vector<sqlite::Row>> references = std::async(std::launch::async, [&] {
+    sqlite::Connection connection(staging_path);
+    return connection.cursor().execute("PRAGMA foreign_key_check").fetchall();
+  });
+  std::future<void> chunks = std::async(std::launch::async, [&] {
+    sqlite::Connection connection(staging_path);
+    sqlite::Cursor cursor = connection.cursor();
+    if (detail::has_code_chunks(cursor)) {
+      cursor.execute("INSERT INTO code_chunks (code_chunks) VALUES ('integrity-check')");
+    }
+  });
   sqlite::Connection staging(staging_path);
-  sqlite::Cursor cursor = staging.cursor();
   std::vector<sqlite::Row> problems;
   try {
-    problems = cursor.execute("PRAGMA quick_check").fetchall();
+    problems = staging.cursor().execute("PRAGMA quick_check").fetchall();
+    if (problems.size() != 1 || problems[0][0].is_null() || problems[0][0].as_text() != "ok") {
+      const std::string first = problems.empty() || problems[0][0].is_null()
+                                    ? std::string("no result")
+                                    : problems[0][0].as_text();
+      sqlite::raise_error(SQLITE_CORRUPT, first);
+    }
+    chunks.get();
+    problems = references.get();
   } catch (const sqlite::DatabaseError& error) {
+    chunks.wait();
+    references.wait();
     sqlite::raise_error(error.extended_code(),
                         "Staging database " + name + " is damaged: " + error.what());
   }
-  if (problems.size() != 1 || problems[0][0].is_null() || problems[0][0].as_text() != "ok") {
-    const std::string first = problems.empty() || problems[0][0].is_null()
-                                  ? std::string("no result")
-                                  : problems[0][0].as_text();
-    sqlite::raise_error(SQLITE_CORRUPT, "Staging database " + name + " is damaged: " + first);
-  }
-  const std::vector<sqlite::Row> dangling = cursor.execute("PRAGMA foreign_key_check").fetchall();
-  if (!dangling.empty()) {
-    const sqlite::Row& first = dangling.front();
+  if (!problems.empty()) {
+    const sqlite::Row& first = problems.front();
     sqlite::raise_error(
         SQLITE_CONSTRAINT_FOREIGNKEY,
-        "Staging database " + name + " has " + std::to_string(dangling.size()) +
+        "Staging database " + name + " has " + std::to_string(problems.size()) +
             " row(s) that refer to missing rows, the first in " + first[0].as_text() + " (rowid " +
             (first[1].is_null() ? "?" : first[1].as_text()) + ", to " + first[2].as_text() + ")");
   }
@@ -213,17 +276,12 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
       inserted = transaction([&](sqlite::Cursor& cursor) {
         Counts counts;
         // The staging file is asked only when the live one has the table to fill.
-        const bool copy_chunks = empty_index(cursor) && detail::has_code_chunks(cursor, "stg");
+        const bool chunks = empty_index(cursor) && detail::has_code_chunks(cursor, "stg");
         for (std::size_t i = 0; i < INSERT_ORDER.size(); ++i) {
           cursor.execute(copies[i]);
           counts.emplace_back(INSERT_ORDER[i], inserted_rows(cursor));
         }
-        if (copy_chunks) {
-          cursor.execute(
-              "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
-              "SELECT rowid, text, start_line, end_line, exact FROM stg.code_chunks");
-          counts.emplace_back("code_chunks", inserted_rows(cursor));
-        }
+        if (chunks) counts.emplace_back("code_chunks", copy_chunks(cursor));
         bump_index_generation(&cursor);
         return counts;
       });
