@@ -39,7 +39,7 @@ class logger;
 
 namespace quilma::storage {
 
-// Compaction. Pages released per step, and so per holding of the connection lock.
+// Compaction. The most pages released per step, and so per holding of the connection lock.
 inline constexpr std::int64_t COMPACT_STEP_PAGES = 1024;
 // Fewer free pages than this, or a smaller share of the file's pages: nothing is done.
 inline constexpr std::int64_t COMPACT_MIN_FREE_PAGES = 2048;
@@ -264,8 +264,9 @@ class Database {
   void rewrite_pages();
   // compact() without its error handling.
   Compaction compact_unguarded();
-  // Takes pages off the free list in steps of COMPACT_STEP_PAGES, taking the lock for each
-  // step: the caller must not hold it. Returns how many went back to the file system.
+  // Takes pages off the free list in steps of at most COMPACT_STEP_PAGES, each sized to hold
+  // the lock about detail::COMPACT_STEP_TARGET and taking it anew: the caller must not hold it.
+  // Returns how many went back to the file system.
   std::int64_t release_free_pages();
   // Writes the log into the file and empties it, which is what shortens a file in WAL mode,
   // waiting up to `patience` for readers on older snapshots to move on; logs at INFO when

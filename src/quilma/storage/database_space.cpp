@@ -184,8 +184,6 @@ Compaction Database::compact_unguarded() {
 }
 
 std::int64_t Database::release_free_pages() {
-  static const std::string release_step =
-      "PRAGMA incremental_vacuum(" + std::to_string(COMPACT_STEP_PAGES) + ")";
   // A step's commit would run SQLite's automatic checkpoint under the lock whenever the log
   // has passed its threshold, copying a thousand pages or more while the writer waits. The
   // steps leave their pages in the log instead, and shrink_file() copies them afterwards,
@@ -215,23 +213,34 @@ std::int64_t Database::release_free_pages() {
     }
   } restore{*this, automatic};
   std::int64_t released = 0;
+  std::int64_t step = detail::COMPACT_FIRST_STEP_PAGES;
   for (;;) {
     std::int64_t free = 0;
     std::int64_t remaining = 0;
+    std::chrono::steady_clock::duration took{};
     {
       const std::lock_guard hold(lock_);
+      const auto started = std::chrono::steady_clock::now();
       sqlite::Connection* writer = connection_.load(std::memory_order_acquire);
       if (writer == nullptr) break;  // closed between two steps
       sqlite::Cursor cursor = writer->cursor();
       free = read_int(cursor, "PRAGMA freelist_count");
       if (free == 0) break;
       // One page goes back per result row: the statement runs to its end.
-      cursor.execute(release_step).fetchall();
+      cursor.execute("PRAGMA incremental_vacuum(" + std::to_string(step) + ")").fetchall();
       remaining = read_int(cursor, "PRAGMA freelist_count");
+      took = std::chrono::steady_clock::now() - started;
     }
     // Other threads may write between steps: only what a step itself took off counts.
     if (remaining >= free) break;
     released += free - remaining;
+    // The next step releases as many pages as this one's pace fits into the target.
+    const double per_page =
+        std::chrono::duration<double>(took).count() / static_cast<double>(free - remaining);
+    const double fits =
+        std::chrono::duration<double>(detail::COMPACT_STEP_TARGET).count() / per_page;
+    step = std::clamp(static_cast<std::int64_t>(fits), detail::COMPACT_MIN_STEP_PAGES,
+                      COMPACT_STEP_PAGES);
     lock_.let_waiters_in();
   }
   return released;
