@@ -126,6 +126,16 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEdits) {
     EXPECT_EQ(in_repo({"search", left_out}).out, "") << left_out;
   }
   EXPECT_EQ(in_repo({"generation"}).out, "1\n");
+  {  // Each file has its row and an anchor symbol that spans it.
+    storage::Database db(repo_ / "memory/codebase-index/index.db");
+    open_database(db);
+    EXPECT_EQ(db.fetchone("SELECT s.name || ' ' || s.line || '-' || s.end_line || ' ' || "
+                          "s.qualified_name || ' ' || f.language FROM symbols s JOIN files f "
+                          "ON f.id = s.file_id WHERE f.path = 'src/planted.py'")
+                  .value()[0]
+                  .as_text(),
+              "planted.py 1-120 src/planted.py python");
+  }
   // From inside the repository, the index above is found; it is kept out of commits.
   EXPECT_EQ(quilma_db({"search", "plantedIdentifier", (repo_ / "src/util").string()}).out,
             "src/planted.py:73: plantedIdentifier = compute(73)\n");

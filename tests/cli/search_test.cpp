@@ -115,6 +115,17 @@ TEST_F(SearchTest, PathsOrderAndContext) {
   EXPECT_TRUE(search(db_, request).hits.empty());
 }
 
+TEST_F(SearchTest, WithoutWholeWordALiteralTextKeepsTheIndexWordBoundaries) {
+  add_chunk(7, 0, 1, "resend\nsend_file\nSEND\nsendfile\n\xc3\xa9send\nto send.");
+  SearchRequest request = ask("send");
+  request.case_sensitive = true;
+  std::vector<std::int64_t> lines;
+  for (const SearchHit& hit : search(db_, request).hits) lines.push_back(hit.line);
+  EXPECT_EQ(lines, (std::vector<std::int64_t>{2, 6}));  // '_' and '.' end a word; 'é' does not
+  request.query = "send_";  // a text that ends in punctuation may run on
+  EXPECT_EQ(search(db_, request).hits.size(), 1U);
+}
+
 TEST_F(SearchTest, QueriesThatCannotRun) {
   add_chunk(7, 0, 1, "x");
   for (const char* query : {"\"unclosed", "a:b", "AND"}) {
