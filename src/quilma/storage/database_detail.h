@@ -59,7 +59,7 @@ struct Space {
 // however fast the disk, between COMPACT_MIN_STEP_PAGES and COMPACT_STEP_PAGES.
 inline constexpr std::int64_t COMPACT_FIRST_STEP_PAGES = 256;
 inline constexpr std::int64_t COMPACT_MIN_STEP_PAGES = 16;
-inline constexpr std::chrono::milliseconds COMPACT_STEP_TARGET{30};
+inline constexpr std::chrono::milliseconds COMPACT_STEP_TARGET{20};
 
 // Whether two directories are on one volume (unknown counts as one: the worst case).
 bool same_volume(const std::filesystem::path& first, const std::filesystem::path& second);
