@@ -135,6 +135,13 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEdits) {
                   .value()[0]
                   .as_text(),
               "planted.py 1-120 src/planted.py python");
+    // Chunks hold the text as it is, but for the file whose stray byte was replaced.
+    EXPECT_EQ(db.fetchone("SELECT group_concat(DISTINCT files.path || ':' || exact) FROM "
+                          "code_chunks JOIN files ON files.id = code_chunks.rowid >> 20 WHERE "
+                          "path LIKE 'legacy/%' OR path LIKE 'docs/%'")
+                  .value()[0]
+                  .as_text(),
+              "docs/readme.md:1,legacy/latin1.txt:0");
   }
   // From inside the repository, the index above is found; it is kept out of commits.
   EXPECT_EQ(quilma_db({"search", "plantedIdentifier", (repo_ / "src/util").string()}).out,
@@ -228,6 +235,7 @@ TEST_F(IndexedRepoTest, ARunRemovesTheStagingFilesOfRunsThatDidNotEnd) {
   const Result indexed = in_repo({"index"});
   ::close(live);
   ASSERT_EQ(indexed.status, 0) << indexed.err;
+  EXPECT_NE(indexed.err.find("indexing: 5/5 files, "), std::string::npos) << indexed.err;
   EXPECT_NE(indexed.err.find("removed " + (dir / "index.db.staging-dead01").string() +
                              " (0.0 MiB), left by an indexing run that did not end"),
             std::string::npos)
