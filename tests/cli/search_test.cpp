@@ -76,7 +76,7 @@ TEST_F(SearchTest, LongLineIsCutAroundTheMatchOnCharacterBoundaries) {
   for (int i = 0; i < 200; ++i) line += "\xc3\xa9 ";  // "é " a hundred times over
   line += "needle";
   for (int i = 0; i < 200; ++i) line += " \xc3\xa9";
-  add_chunk(7, 0, 1, line);
+  add_chunk(7, 0, 1, line + " needle");  // a second match, far outside what is kept
   const std::vector<SearchHit> hits = search(db_, ask("needle")).hits;
   ASSERT_EQ(hits.size(), 1U);
   const SearchHit& hit = hits[0];
