@@ -62,7 +62,7 @@ TEST_F(ReaderPoolTest, LeasesConfiguredReadOnlyConnectionsAndTakesThemBackOnUnwi
 }
 
 TEST_F(ReaderPoolTest, AnExhaustedPoolWaitsItsBoundThenGivesUp) {
-  ReaderPool pool(path_, 1, {}, 30s);
+  ReaderPool pool(path_, 1, {}, 5s);
   std::optional<ReaderPool::Lease> held(pool.lease());
   std::latch waiting(1);
   auto waiter = std::async(std::launch::async, [&] {
