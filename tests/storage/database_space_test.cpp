@@ -150,20 +150,6 @@ TEST_F(SpaceTest, TheTemporaryDirectoryAndTheRoomAVacuumNeeds) {
   detail::replace_free_space_query({});  // the file system's own answer, or its error
   EXPECT_GT(detail::available_bytes(dir_.path()), 0U);
   EXPECT_THROW(detail::disk_shortfall(dir_ / "missing", 0), std::system_error);
-  SetUp();
-
-  // Two volumes each need one copy and one margin; the database's is reported first.
-  const std::filesystem::path other = "/dev/shm";
-  if (detail::same_volume(other, dir_.path())) GTEST_SKIP() << "no second volume";
-  testing::ScopedEnv tmp("SQLITE_TMPDIR", other.c_str());
-  free_[dir_.path()] = 564 * MiB;
-  free_[other] = 564 * MiB;
-  EXPECT_EQ(shortfall(500 * MiB), std::nullopt);
-  EXPECT_EQ(asked_, (std::vector<std::filesystem::path>{dir_.path(), other}));
-  free_[other] = 563 * MiB;
-  EXPECT_EQ(shortfall(500 * MiB), short_of(563, other, 564));
-  free_[dir_.path()] = 10 * MiB;
-  EXPECT_EQ(shortfall(500 * MiB), short_of(10, dir_.path(), 564));
 }
 
 TEST_F(SpaceTest, FreePagesGoBackInStepsOnceThereAreEnoughByCountAndShare) {
