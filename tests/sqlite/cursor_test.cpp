@@ -97,6 +97,13 @@ TEST_F(CursorTest, StatementsGoBackToTheCacheResetAndAreReused) {
     filler.execute(text(48 + i));
     EXPECT_EQ(filler.execute(text(2 * i)).fetchone().value()[0], Value(2 * i));
   }
+  filler.execute("SELECT 'done'");
+  int cached = 0;  // each text asked for again is cached again
+  for (sqlite3_stmt* stmt = sqlite3_next_stmt(fresh.handle(), nullptr); stmt != nullptr;
+       stmt = sqlite3_next_stmt(fresh.handle(), stmt)) {
+    for (int i = 0; i < 20; ++i) cached += text(2 * i) == sqlite3_sql(stmt) ? 1 : 0;
+  }
+  EXPECT_EQ(cached, 20);
 
   // Cursors on one text never share a statement; whichever way a cursor lets go (its rows
   // read, another statement, close, assignment, destruction), its statement is no longer busy.
