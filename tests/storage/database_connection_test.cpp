@@ -337,6 +337,12 @@ TEST_F(DatabaseTest, OtherReadErrorsAreNotRetriedOnTheWriter) {
   EXPECT_EQ(failures.get(),
             (Strings{"no such table: missing", "near \"FROM\": syntax error", "integer overflow"}));
   EXPECT_EQ(writer.statements(), Strings{"COMMIT"});
+  // Nor is a read whose read connection fails to begin for another reason.
+  Peer::set_readers(db_, std::make_shared<ReaderPool>(path_, 1, [](sqlite::Connection& reader) {
+                      reader.cursor().execute("BEGIN");
+                    }));
+  EXPECT_EQ(error_of<sqlite::OperationalError>([&] { db_.read([](sqlite::Cursor&) {}); }),
+            "cannot start a transaction within a transaction");
 }
 
 TEST_F(DatabaseTest, AReadSeesOneStateWithoutWaitingForWrites) {
