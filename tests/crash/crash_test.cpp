@@ -171,6 +171,15 @@ std::function<std::vector<std::string>(const fs::path&, const fs::path&)> child(
   };
 }
 
+// A setup that builds only the live file, of `files` files tagged "old" (see build()).
+std::function<void(const fs::path&, const fs::path&)> live(int files,
+                                                           std::vector<std::string> pragmas = {},
+                                                           int padding = 0, bool migrate = true) {
+  return [=](const fs::path& tmpl, const fs::path&) {
+    build(tmpl / "index.db", "old", files, pragmas, padding, migrate);
+  };
+}
+
 const std::map<std::string, Operation>& operations() {
   static const std::string page_size =
       "PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE);
@@ -181,28 +190,16 @@ const std::map<std::string, Operation>& operations() {
           build(tmpl / "staging.db", "new", 2000);
         },
         child({"swap", "index.db", "staging.db"})}},
-      {"clear",
-       {[](const fs::path& tmpl, const fs::path&) { build(tmpl / "index.db", "old", 4000); },
-        child({"clear", "index.db"})}},
+      {"clear", {live(4000), child({"clear", "index.db"})}},
       {"compact",
-       {[](const fs::path& tmpl, const fs::path&) {
-          build(tmpl / "index.db", "old", 1200, {}, 1 << 20);
-        },
-        child({"compact", "index.db"}), "PRAGMA freelist_count", true}},
+       {live(1200, {}, 1 << 20), child({"compact", "index.db"}), "PRAGMA freelist_count", true}},
       {"convert",
-       {[](const fs::path& tmpl, const fs::path&) {
-          build(tmpl / "index.db", "old", 4000, {page_size, "PRAGMA auto_vacuum=NONE"}, 1 << 20);
-        },
-        child({"compact", "index.db"}), "PRAGMA auto_vacuum"}},
+       {live(4000, {page_size, "PRAGMA auto_vacuum=NONE"}, 1 << 20), child({"compact", "index.db"}),
+        "PRAGMA auto_vacuum"}},
       {"page_rewrite",
-       {[](const fs::path& tmpl, const fs::path&) {
-          build(tmpl / "index.db", "old", 2000,
-                {"PRAGMA page_size=1024", "PRAGMA auto_vacuum=INCREMENTAL"}, 0, false);
-        },
+       {live(2000, {"PRAGMA page_size=1024", "PRAGMA auto_vacuum=INCREMENTAL"}, 0, false),
         child({"open", "index.db"}), "PRAGMA page_size"}},
-      {"transaction",
-       {[](const fs::path& tmpl, const fs::path&) { build(tmpl / "index.db", "old", 500); },
-        child({"insert", "index.db", "501", "2000"})}},
+      {"transaction", {live(500), child({"insert", "index.db", "501", "2000"})}},
 #ifdef QUILMA_DB
       {"cli_index",
        {[](const fs::path& tmpl, const fs::path& dir) {

@@ -343,6 +343,20 @@ TEST_F(DatabaseTest, OtherReadErrorsAreNotRetriedOnTheWriter) {
                     }));
   EXPECT_EQ(error_of<sqlite::OperationalError>([&] { db_.read([](sqlite::Cursor&) {}); }),
             "cannot start a transaction within a transaction");
+  // A read connection that cannot serve once the read has begun (its file's shared-memory
+  // index cannot be opened): the read runs on the writer instead.
+  {
+    sqlite::Connection other(dir_ / "other.db");
+    other.cursor().execute("PRAGMA journal_mode=WAL");
+    other.cursor().execute("CREATE TABLE t (v)");
+  }
+  std::filesystem::create_symlink("nowhere", dir_ / "other.db-shm");
+  Peer::set_readers(db_, std::make_shared<ReaderPool>(dir_ / "other.db", 1));
+  db_.execute("INSERT INTO t (v) VALUES ('on the writer')");
+  EXPECT_EQ(db_.read([](sqlite::Cursor& cursor) {
+    return cursor.execute("SELECT COUNT(*) FROM t").fetchone().value()[0].as_int();
+  }),
+            1);
 }
 
 TEST_F(DatabaseTest, AReadSeesOneStateWithoutWaitingForWrites) {

@@ -32,7 +32,6 @@ class FaultVfs {
   // Disarms both faults.
   void heal();
 
-  std::int64_t bytes_written() const { return written_.load(); }  // since the last arming
   int faults() const { return faults_.load(); }                   // failures injected so far
 
   struct File;                                    // a file opened through this VFS
