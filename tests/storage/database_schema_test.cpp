@@ -369,27 +369,27 @@ TEST_F(ExtractorStampTest, TheStampReadsBackAsTheVersionsItRecords) {
 }
 
 TEST_F(ExtractorStampTest, AStampOfAnUnknownFormatCountsAsNoneWithAWarning) {
-  const std::pair<sqlite::Value, std::string> formats[] = {
-      {"not json", "'not json'"},
-      {R"({"python": 1} x)", R"('{"python": 1} x')"},
-      {std::int64_t{5}, "'5'"},
-      {R"({"python": true})", R"('{"python": true}')"},
-      {R"({"python": 1.0})", R"('{"python": 1.0}')"},
-      {R"({"python": "1"})", R"('{"python": "1"}')"},
-      {R"({"go": 1, "python": {"v": 1}})", R"('{"go": 1, "python": {"v": 1}}')"},
-      {"\xEF\xBB\xBF{}", R"('\ufeff{}')"},
-      {sqlite::Value(), "NULL"},
-      {sqlite::Blob{'{', '}'}, "'{}'"}};
-  for (const auto& [raw, rendered] : formats) {
+  const auto counts_as_none = [&](const sqlite::Value& raw, const std::string& rendered) {
     store(raw);
-    unmark();
     log_.clear();
     EXPECT_EQ(db_.refresh_extractor_stamp({{"python", 1}, {"go", 1}}), 3) << rendered;
     EXPECT_THAT(log_.texts(spdlog::level::warn),
                 ElementsAre("Extractor stamp " + rendered +
                             " has an unknown format; treating it as absent"));
     EXPECT_EQ(stamp(), R"({"go": 1, "python": 1})");
-  }
+  };
+  const std::pair<const char*, const char*> texts[] = {
+      {"not json", "'not json'"},
+      {R"({"python": 1} x)", R"('{"python": 1} x')"},
+      {R"({"python": true})", R"('{"python": true}')"},
+      {R"({"python": 1.0})", R"('{"python": 1.0}')"},
+      {R"({"python": "1"})", R"('{"python": "1"}')"},
+      {R"({"go": 1, "python": {"v": 1}})", R"('{"go": 1, "python": {"v": 1}}')"},
+      {"\xEF\xBB\xBF{}", R"('\ufeff{}')"}};
+  for (const auto& [text, rendered] : texts) counts_as_none(text, rendered);
+  counts_as_none(std::int64_t{5}, "'5'");
+  counts_as_none(sqlite::Value(), "NULL");
+  counts_as_none(sqlite::Blob{'{', '}'}, "'{}'");
 }
 
 TEST(ReprTest, ShowsTextAsADebugRepresentation) {
