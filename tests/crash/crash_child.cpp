@@ -1,40 +1,30 @@
 // The process that the crash suite kills: `crash_child OPERATION DATABASE [ARGUMENTS]` opens the
 // database as the service does, writes one byte to its standard output when the operation
 // begins, and runs it. Exit status 0 when the operation did its work.
-#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
 
 #include <unistd.h>
 
-#include "crash_data.h"
+#include "support/index_builder.h"
 
 #include "quilma/storage/database.h"
 
 namespace {
 
-using quilma::storage::Database;
-
-void open_fully(Database& db) {
-  db.connect();
-  db.create_schema();
-  db.migrate_schema();
-}
-
-void signal_start() {
-  if (::write(STDOUT_FILENO, "R", 1) != 1) std::_Exit(4);
-}
-
 int run(const std::vector<std::string>& args) {
   const std::string& operation = args.at(0);
-  Database db(args.at(1));
+  quilma::storage::Database db(args.at(1));
+  const auto signal_start = [] {
+    if (::write(STDOUT_FILENO, "R", 1) != 1) std::_Exit(4);
+  };
   if (operation == "open") {  // the open sequence is the operation: a page rewrite
     signal_start();
-    open_fully(db);
+    quilma::testing::open_fully(db);
     return 0;
   }
-  open_fully(db);
+  quilma::testing::open_fully(db);
   signal_start();
   if (operation == "swap") {
     db.swap_index_from(args.at(2));

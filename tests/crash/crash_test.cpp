@@ -8,7 +8,6 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
-#include <iterator>
 #include <map>
 #include <random>
 #include <string>
@@ -21,8 +20,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "crash_data.h"
 #include "support/child_process.h"
+#include "support/index_builder.h"
 #include "support/temp_dir.h"
 
 #include "quilma/storage/database.h"
@@ -34,48 +33,33 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-void open_fully(Database& db) {
-  db.connect();
-  db.create_schema();
-  db.migrate_schema();
-}
-
 struct Ended {
   bool killed = false;  // by our SIGKILL; otherwise it exited first
   int status = 0;       // as waitpid reports it
   Clock::duration took{};
 };
 
-// Runs `args` with its standard error in `err`. A child that signals its start is timed, and
-// killed, from that byte on; any other from its spawn.
+// Runs `args` with its standard error in `err`. A child that signals its start (one byte on
+// its standard output) is timed, and killed, from that byte on; any other from its spawn.
 Ended run_child(const std::vector<std::string>& args, bool signals_start, const fs::path& err,
                 std::optional<Clock::duration> kill_after = std::nullopt) {
-  int start_pipe[2];
-  if (::pipe2(start_pipe, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category());
+  int start[2];
+  if (::pipe2(start, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category());
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   if (signals_start) {
-    posix_spawn_file_actions_adddup2(&actions, start_pipe[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, start[1], STDOUT_FILENO);
   } else {
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
   }
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  pid_t pid = 0;
-  try {
-    pid = testing::spawn(args, &actions);
-  } catch (...) {
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(start_pipe[0]);
-    ::close(start_pipe[1]);
-    throw;
-  }
+  const pid_t pid = testing::spawn(args, &actions);
   posix_spawn_file_actions_destroy(&actions);
-  ::close(start_pipe[1]);
+  ::close(start[1]);
   char byte = 0;
-  while (signals_start && ::read(start_pipe[0], &byte, 1) < 0 && errno == EINTR) {
+  while (signals_start && ::read(start[0], &byte, 1) < 0 && errno == EINTR) {
   }
-  ::close(start_pipe[0]);
   const Clock::time_point started = Clock::now();
   if (kill_after) {
     std::this_thread::sleep_until(started + *kill_after);
@@ -84,6 +68,7 @@ Ended run_child(const std::vector<std::string>& args, bool signals_start, const 
   Ended ended;
   while (::waitpid(pid, &ended.status, 0) < 0 && errno == EINTR) {
   }
+  ::close(start[0]);
   ended.took = Clock::now() - started;
   ended.killed = WIFSIGNALED(ended.status) && WTERMSIG(ended.status) == SIGKILL;
   return ended;
@@ -96,34 +81,26 @@ struct State {
   std::string problem;     // why the file failed to open or its check; empty when it passed
 };
 
-std::string row_text(const sqlite::Row& row) {
-  std::string text;
-  for (std::size_t i = 0; i < row.size(); ++i) {
-    text += (i > 0 ? "|" : "") + (row[i].is_null() ? std::string("NULL") : row[i].as_text());
-  }
-  return text + "\n";
-}
-
 // `shape_sql` is read on a plain connection first, before the open sequence can change it.
 State inspect(const fs::path& path, const char* shape_sql) {
   State state;
   try {
     if (shape_sql != nullptr) {
-      sqlite::Connection raw(path);
-      state.shape = (*raw.cursor().execute(shape_sql).fetchone())[0].as_int();
+      state.shape = (*sqlite::Connection(path).cursor().execute(shape_sql).fetchone())[0].as_int();
     }
     Database db(path);
-    open_fully(db);
+    testing::open_fully(db);
     if (!db.check_integrity()) state.problem = "the integrity check failed";
     for (const std::string table : {"components", "files", "symbols", "edges", "external_imports",
                                     "index_errors", "code_chunks"}) {
-      const std::string sql =
-          table == "code_chunks"
-              ? "SELECT rowid, text, start_line, end_line FROM code_chunks ORDER BY rowid"
-              : "SELECT * FROM " + table + " ORDER BY id";
+      const std::vector<sqlite::Row> rows = db.fetchall(
+          table == "code_chunks" ? "SELECT rowid, text, start_line, end_line FROM code_chunks"
+                                 : "SELECT * FROM " + table + " ORDER BY id");
       std::string text;
-      const std::vector<sqlite::Row> rows = db.fetchall(sql);
-      for (const sqlite::Row& row : rows) text += row_text(row);
+      for (const sqlite::Row& row : rows) {
+        for (const sqlite::Value& value : row.values())
+          text += value.is_null() ? "|" : value.as_text() + "|";
+      }
       state.contents += table + " " + std::to_string(rows.size()) + ":" +
                         std::to_string(std::hash<std::string>{}(text) % 1000000) + ", ";
     }
@@ -136,15 +113,13 @@ State inspect(const fs::path& path, const char* shape_sql) {
 
 // A database made as the service makes it, holding files [1, files] of `tag`. `pragmas` run
 // on the empty file first; `padding` bytes follow every 50 files and are deleted at the end, so
-// that their free pages lie spread through the file. Without `migrate`, a file of small pages
-// keeps them.
+// that their free pages lie spread through the file. Without `migrate`, small pages stay.
 void build(const fs::path& path, const std::string& tag, int files,
            const std::vector<std::string>& pragmas = {}, int padding = 0, bool migrate = true) {
   if (!pragmas.empty()) {
     sqlite::Connection raw(path);
-    sqlite::Cursor cursor = raw.cursor();
-    for (const std::string& pragma : pragmas) cursor.execute(pragma);
-    cursor.execute("CREATE TABLE padding (data BLOB)");
+    for (const std::string& pragma : pragmas) raw.cursor().execute(pragma);
+    raw.cursor().execute("CREATE TABLE padding (data BLOB)");
   }
   Database db(path);
   db.connect();
@@ -165,7 +140,7 @@ void write_repo(const fs::path& repo, int version) {
   fs::remove_all(repo);
   for (int f = version * 100; f < 1000 + version * 100; ++f) {
     const fs::path path =
-        repo / ("pkg" + std::to_string(f % 7)) / ("mod" + std::to_string(f) + ".py");
+        repo / ("pkg" + std::to_string(f % 7)) / ("m" + std::to_string(f) + ".py");
     fs::create_directories(path.parent_path());
     std::ofstream out(path);
     for (int line = 0; line < 60; ++line) {
@@ -181,29 +156,33 @@ struct Operation {
   std::function<std::vector<std::string>(const fs::path& run, const fs::path& dir)> command;
   // For an operation that keeps the contents: the pragma telling the file before from after.
   const char* shape = nullptr;
-  bool signals_start = true;
   bool steps = false;  // commits in steps, each of which leaves a whole file between the two
+  bool signals_start = true;
 };
 
+// crash_child with `args`; a name ending in ".db" is a file of the run's copy.
+std::function<std::vector<std::string>(const fs::path&, const fs::path&)> child(
+    std::vector<std::string> args) {
+  return [args](const fs::path& run, const fs::path&) {
+    std::vector<std::string> argv{CRASH_CHILD};
+    for (const std::string& arg : args)
+      argv.push_back(arg.ends_with(".db") ? (run / arg).string() : arg);
+    return argv;
+  };
+}
+
+// A setup that builds only the live file, of `files` files tagged "old" (see build()).
+std::function<void(const fs::path&, const fs::path&)> live(int files,
+                                                           std::vector<std::string> pragmas = {},
+                                                           int padding = 0, bool migrate = true) {
+  return [=](const fs::path& tmpl, const fs::path&) {
+    build(tmpl / "index.db", "old", files, pragmas, padding, migrate);
+  };
+}
+
 const std::map<std::string, Operation>& operations() {
-  // crash_child with `args`; a name ending in ".db" is a file of the run's copy.
-  const auto child = [](const std::vector<std::string>& args) {
-    return [args](const fs::path& run, const fs::path& /*dir*/) {
-      std::vector<std::string> argv{CRASH_CHILD};
-      for (const std::string& arg : args) {
-        argv.push_back(arg.ends_with(".db") ? (run / arg).string() : arg);
-      }
-      return argv;
-    };
-  };
-#ifdef QUILMA_DB
-  const auto cli_index = [](const fs::path& run, const fs::path& dir) {
-    return std::vector<std::string>{QUILMA_DB, "--quiet",
-                                    "--db",    (run / "index.db").string(),
-                                    "index",   (dir / "repo").string()};
-  };
-#endif
-  const std::string page_size = "PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE);
+  static const std::string page_size =
+      "PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE);
   static const std::map<std::string, Operation> table{
       {"swap",
        {[](const fs::path& tmpl, const fs::path&) {
@@ -211,45 +190,34 @@ const std::map<std::string, Operation>& operations() {
           build(tmpl / "staging.db", "new", 2000);
         },
         child({"swap", "index.db", "staging.db"})}},
-      {"clear",
-       {[](const fs::path& tmpl, const fs::path&) { build(tmpl / "index.db", "old", 4000); },
-        child({"clear", "index.db"})}},
+      {"clear", {live(4000), child({"clear", "index.db"})}},
       {"compact",
-       {[](const fs::path& tmpl, const fs::path&) {
-          build(tmpl / "index.db", "old", 1200, {}, 1 << 20);
-        },
-        child({"compact", "index.db"}), "PRAGMA freelist_count", true, true}},
+       {live(1200, {}, 1 << 20), child({"compact", "index.db"}), "PRAGMA freelist_count", true}},
       {"convert",
-       {[page_size](const fs::path& tmpl, const fs::path&) {
-          build(tmpl / "index.db", "old", 4000, {page_size, "PRAGMA auto_vacuum=NONE"}, 1 << 20);
-        },
-        child({"compact", "index.db"}), "PRAGMA auto_vacuum"}},
+       {live(4000, {page_size, "PRAGMA auto_vacuum=NONE"}, 1 << 20), child({"compact", "index.db"}),
+        "PRAGMA auto_vacuum"}},
       {"page_rewrite",
-       {[](const fs::path& tmpl, const fs::path&) {
-          build(tmpl / "index.db", "old", 2000,
-                {"PRAGMA page_size=1024", "PRAGMA auto_vacuum=INCREMENTAL"}, 0, false);
-        },
+       {live(2000, {"PRAGMA page_size=1024", "PRAGMA auto_vacuum=INCREMENTAL"}, 0, false),
         child({"open", "index.db"}), "PRAGMA page_size"}},
-      {"transaction",
-       {[](const fs::path& tmpl, const fs::path&) { build(tmpl / "index.db", "old", 500); },
-        child({"insert", "index.db", "501", "2000"})}},
+      {"transaction", {live(500), child({"insert", "index.db", "501", "2000"})}},
 #ifdef QUILMA_DB
       {"cli_index",
-       {[cli_index](const fs::path& tmpl, const fs::path& dir) {
+       {[](const fs::path& tmpl, const fs::path& dir) {
           write_repo(dir / "repo", 0);
-          const Ended first = run_child(cli_index(tmpl, dir), false, dir / "setup.err");
+          const Ended first =
+              run_child(operations().at("cli_index").command(tmpl, dir), false, dir / "setup.err");
           ASSERT_EQ(first.status, 0) << "the first index failed";
           write_repo(dir / "repo", 1);
         },
-        cli_index, nullptr, false}},
+        [](const fs::path& run, const fs::path& dir) {
+          return std::vector<std::string>{QUILMA_DB, "--quiet",
+                                          "--db",    (run / "index.db").string(),
+                                          "index",   (dir / "repo").string()};
+        },
+        nullptr, false, false}},
 #endif
   };
   return table;
-}
-
-int points() {
-  const char* raw = std::getenv("QUILMA_CRASH_POINTS");  // NOLINT(concurrency-mt-unsafe)
-  return raw != nullptr && std::atoi(raw) > 0 ? std::atoi(raw) : 6;
 }
 
 std::string text_of(const fs::path& path) {
@@ -270,7 +238,6 @@ TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
     fs::remove_all(run);
     fs::copy(tmpl, run, fs::copy_options::recursive);
   };
-
   // Before: the template as it is. After: one run to its end, which also times the operation.
   fresh_run();
   const State before = inspect(run / "index.db", op.shape);
@@ -286,42 +253,33 @@ TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
     ASSERT_NE(after.contents, before.contents) << "the operation changed nothing";
   }
 
-  const int count = points();
+  const char* raw_points = std::getenv("QUILMA_CRASH_POINTS");  // NOLINT(concurrency-mt-unsafe)
+  const int count = raw_points != nullptr && std::atoi(raw_points) > 0 ? std::atoi(raw_points) : 6;
   std::mt19937 random{std::random_device{}()};
   std::uniform_real_distribution<double> jitter(0.0, 1.0);
   std::map<std::string, int> seen;
-  int killed = 0;
-  int leftovers = 0;  // staging files, and runs that left any
-  int leaving_runs = 0;
+  int killed = 0, leftovers = 0;  // runs killed, and staging files they left behind
   for (int point = 0; point < count; ++point) {
-    const auto delay = std::chrono::duration_cast<Clock::duration>(
-        whole.took * ((point + jitter(random)) / count));
     fresh_run();
-    const Ended ended =
-        run_child(op.command(run, dir.path()), op.signals_start, run / "stderr", delay);
+    const Ended ended = run_child(op.command(run, dir.path()), op.signals_start, run / "stderr",
+                                  std::chrono::duration_cast<Clock::duration>(
+                                      whole.took * ((point + jitter(random)) / count)));
     killed += ended.killed ? 1 : 0;
-    const int before_run = leftovers;
     for (const fs::directory_entry& entry : fs::directory_iterator(run)) {
       leftovers += entry.path().filename().string().find(".staging-") != std::string::npos;
     }
-    leaving_runs += leftovers > before_run;
     const State state = inspect(run / "index.db", op.shape);
-    std::string outcome;
+    std::string outcome = state.contents != before.contents
+                              ? (state.contents == after.contents ? "new" : "mixed")
+                          : state.shape == before.shape ? "old"
+                          : state.shape == after.shape  ? "new"
+                          : op.steps                    ? "partial"
+                                                        : "mixed";
     if (!state.problem.empty() || (!ended.killed && ended.status != 0)) {
       outcome = "failed checks";
       ADD_FAILURE() << "point " << point << ": status " << ended.status << ", " << state.problem
                     << "\n"
                     << text_of(run / "stderr");
-    } else if (op.shape == nullptr) {
-      outcome = state.contents == before.contents  ? "old"
-                : state.contents == after.contents ? "new"
-                                                   : "mixed";
-    } else {  // the contents stay; the file's form tells how far the operation got
-      outcome = state.contents != before.contents ? "mixed"
-                : state.shape == before.shape     ? "old"
-                : state.shape == after.shape      ? "new"
-                : op.steps                        ? "partial"
-                                                  : "mixed";
     }
     if (outcome == "mixed") {
       ADD_FAILURE() << "point " << point << " left a mixed file: shape " << state.shape << ", "
@@ -330,16 +288,11 @@ TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
     }
     ++seen[outcome];
   }
-  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(whole.took).count();
   std::cout << GetParam() << ": " << count << " points: " << seen["old"] << " old, " << seen["new"]
-            << " new, " << seen["mixed"] << " mixed, " << seen["failed checks"] << " failed checks"
-            << (op.steps ? ", " + std::to_string(seen["partial"]) + " partial" : "") << " ("
-            << killed << " killed, " << count - killed << " finished first; a whole run " << ms
-            << " ms)";
-  if (!op.signals_start) {
-    std::cout << "; staging files left behind: " << leftovers << " by " << leaving_runs << " runs";
-  }
-  std::cout << std::endl;
+            << " new, " << seen["partial"] << " partial, " << seen["mixed"] << " mixed (" << killed
+            << " killed; a whole run "
+            << std::chrono::duration_cast<std::chrono::milliseconds>(whole.took).count()
+            << " ms; staging files left behind: " << leftovers << ")" << std::endl;
 }
 
 std::vector<std::string> operation_names() {
@@ -349,9 +302,7 @@ std::vector<std::string> operation_names() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, CrashTest, ::testing::ValuesIn(operation_names()),
-                         [](const ::testing::TestParamInfo<std::string>& info) {
-                           return info.param;
-                         });
+                         [](const auto& info) { return info.param; });
 
 }  // namespace
 }  // namespace quilma::storage

@@ -16,27 +16,6 @@ namespace {
 
 using testing::error_of;
 
-TEST(ErrorTest, ResultCodesMapToTheirKinds) {
-  auto kind_of = [](int code) -> std::string {
-    try {
-      raise_error(code, "message");
-    } catch (const OperationalError&) {
-      return "operational";
-    } catch (const IntegrityError&) {
-      return "integrity";
-    } catch (const ProgrammingError&) {
-      return "programming";
-    } catch (const DatabaseError&) {
-      return "database";
-    }
-  };
-  EXPECT_EQ(kind_of(SQLITE_BUSY_SNAPSHOT), "operational");  // extended codes by their primary
-  EXPECT_EQ(kind_of(SQLITE_IOERR_WRITE), "operational");
-  EXPECT_EQ(kind_of(SQLITE_CONSTRAINT_FOREIGNKEY), "integrity");
-  EXPECT_EQ(kind_of(SQLITE_RANGE), "programming");
-  EXPECT_EQ(kind_of(SQLITE_NOTADB), "database");
-}
-
 TEST(ConnectionTest, OpenAndAccessFailuresRaiseSqlitesErrors) {
   testing::TempDir dir;
   EXPECT_EQ(error_of<OperationalError>([&] { Connection(dir / "missing" / "x.db"); }),

@@ -27,6 +27,8 @@ TEST(ValueTest, RealsReadAsTextInTheirShortestRoundTripForm) {
 TEST(ValueTest, ConversionsRefuseWhatTheyCannotRepresent) {
   EXPECT_EQ(Value(-2.9).as_int(), -2);
   EXPECT_EQ(Value(1e300).as_int(), INT64_MAX);
+  EXPECT_EQ(Value(0x1p63).as_int(), INT64_MAX);
+  EXPECT_EQ(Value(-0x1p63).as_int(), INT64_MIN);
   EXPECT_THROW((void)Value("12").as_int(), ProgrammingError);
   EXPECT_THROW((void)Value().as_text(), ProgrammingError);
   EXPECT_THROW((void)Value(1).as_blob(), ProgrammingError);

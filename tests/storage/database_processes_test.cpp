@@ -1,15 +1,14 @@
 // Several processes on one index file: another process's write makes this one's writes wait
 // (never fail at once), and opening or reading a current file takes no write lock at all.
 #include <chrono>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/child_process.h"
+#include "support/index_builder.h"
 #include "support/temp_dir.h"
 
 #include "quilma/storage/database.h"
@@ -20,13 +19,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
+using testing::bytes_of;
 using testing::ChildProcess;
-
-void open_fully(Database& db) {
-  db.connect();
-  db.create_schema();
-  db.migrate_schema();
-}
+using testing::open_fully;
 
 // A file at this release's schema with one indexed file whose path is `name`.
 void make_index(const std::filesystem::path& path, const std::string& name) {
@@ -40,11 +35,6 @@ void make_index(const std::filesystem::path& path, const std::string& name) {
         "VALUES (1048576, 'def f(): pass', 1, 1, 1)");
   });
   db.close();
-}
-
-std::string bytes_of(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 class SeveralProcessesTest : public ::testing::Test {

@@ -1,6 +1,5 @@
 #include "quilma/storage/migrations.h"
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,63 +30,6 @@ TEST(MigrationsTest, VersionsCompareNumericallyAndStepsAreInOrder) {
   }
   EXPECT_LT(detail::parse_version(OLDEST_VERSION), detail::parse_version(steps.front().version));
   EXPECT_EQ(steps.back().version, SCHEMA_VERSION);
-}
-
-// A transaction over a bare connection that counts the steps it runs.
-struct CountingTransaction {
-  sqlite::Connection* connection;
-  int runs = 0;
-
-  void operator()(const std::function<void(sqlite::Cursor&)>& body) {
-    sqlite::Cursor cursor = connection->cursor();
-    cursor.execute("BEGIN");
-    try {
-      body(cursor);
-      ++runs;
-      cursor.execute("COMMIT");
-    } catch (...) {
-      cursor.execute("ROLLBACK");
-      throw;
-    }
-  }
-};
-
-class MigrateTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    run_ddl(cursor_, R"sql(
-      CREATE TABLE schema_info (key TEXT PRIMARY KEY, value TEXT);
-      CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, language TEXT, hash TEXT,
-                          component_id INTEGER);
-      CREATE TABLE symbols (id INTEGER PRIMARY KEY, file_id INTEGER, name TEXT, kind TEXT);
-      CREATE TABLE edges (id INTEGER PRIMARY KEY, source_id INTEGER, target_id INTEGER);
-      CREATE TABLE external_imports (id INTEGER PRIMARY KEY, file_id INTEGER, module TEXT);
-      CREATE TABLE index_errors (id INTEGER PRIMARY KEY, file_path TEXT, error_type TEXT);
-      CREATE VIRTUAL TABLE code_chunks USING fts5(text, start_line, end_line);
-    )sql");
-  }
-  std::string version() {
-    return cursor_.execute("SELECT value FROM schema_info WHERE key = 'version'")
-        .fetchone()
-        .value()[0]
-        .as_text();
-  }
-
-  testing::TempDir dir_;
-  sqlite::Connection connection_{dir_ / "index.db"};
-  sqlite::Cursor cursor_ = connection_.cursor();
-};
-
-TEST_F(MigrateTest, RunsTheStepsAfterTheVersionEachInItsOwnTransaction) {
-  CountingTransaction transaction{&connection_};
-  EXPECT_EQ(migrate(std::ref(transaction), "2.4"), SCHEMA_VERSION);
-  EXPECT_EQ(transaction.runs, 3);  // 2.12.0, 3.0.0, 3.1.0
-  EXPECT_EQ(version(), SCHEMA_VERSION);
-
-  transaction.runs = 0;
-  EXPECT_EQ(migrate(std::ref(transaction), "3.1"), SCHEMA_VERSION);  // current, spelled short
-  EXPECT_EQ(migrate(std::ref(transaction), "3.10.0"), "3.10.0");     // a newer release's file
-  EXPECT_EQ(transaction.runs, 0);
 }
 
 TEST(RunDdlTest, SplitsOnlyWhereAStatementEnds) {

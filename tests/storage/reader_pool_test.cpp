@@ -25,17 +25,16 @@ using testing::error_of;
 class ReaderPoolTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    auto cursor = writer_.cursor();
-    cursor.execute("PRAGMA journal_mode=WAL").fetchall();
-    cursor.execute("CREATE TABLE t (x)");
-    cursor.execute("INSERT INTO t VALUES ('src/a.py')");
+    writer_.cursor().execute("PRAGMA journal_mode=WAL").fetchall();
+    writer_.cursor().execute("CREATE TABLE t (x)");
+    writer_.cursor().execute("INSERT INTO t VALUES ('src/a.py')");
   }
   static std::int64_t count(ReaderPool::Lease& lease) {
     return lease.connection()
         .cursor()
         .execute("SELECT count(*) FROM t")
         .fetchone()
-        .value()[0]
+        ->values()[0]
         .as_int();
   }
 
@@ -44,26 +43,15 @@ class ReaderPoolTest : public ::testing::Test {
   sqlite::Connection writer_{path_};
 };
 
-TEST_F(ReaderPoolTest, LeasesConfiguredReadOnlyConnectionsAndTakesThemBackOnUnwinding) {
-  ReaderPool pool(path_, 1, &utils::register_path_functions);
-  try {
-    auto lease = pool.lease();
-    auto cursor = lease.connection().cursor();
-    EXPECT_EQ(cursor.execute("SELECT path_glob('**/*.py', x) FROM t").fetchone().value()[0],
-              sqlite::Value(1));
-    EXPECT_EQ(
-        error_of<sqlite::OperationalError>([&] { cursor.execute("INSERT INTO t VALUES (1)"); }),
-        "attempt to write a readonly database");
-    throw std::runtime_error("query failed");
-  } catch (const std::runtime_error&) {
-  }
-  auto again = pool.lease();  // would time out had the first not come back
-  EXPECT_EQ(count(again), 1);
-}
-
-TEST_F(ReaderPoolTest, AnExhaustedPoolWaitsItsBoundThenGivesUp) {
-  ReaderPool pool(path_, 1, {}, 30s);
+TEST_F(ReaderPoolTest, LeasesWaitTheirBoundForAConnectionToComeBack) {
+  ReaderPool pool(path_, 1, &utils::register_path_functions, 5s);
   std::optional<ReaderPool::Lease> held(pool.lease());
+  auto cursor = held->connection().cursor();
+  EXPECT_EQ(cursor.execute("SELECT path_glob('**/*.py', x) FROM t").fetchone()->values()[0],
+            sqlite::Value(1));
+  EXPECT_EQ(error_of<sqlite::OperationalError>([&] { cursor.execute("INSERT INTO t VALUES (1)"); }),
+            "attempt to write a readonly database");
+  cursor.close();
   std::latch waiting(1);
   auto waiter = std::async(std::launch::async, [&] {
     waiting.count_down();
@@ -83,58 +71,42 @@ TEST_F(ReaderPoolTest, AnExhaustedPoolWaitsItsBoundThenGivesUp) {
   EXPECT_GE(std::chrono::steady_clock::now() - started, 50ms);
 }
 
-TEST_F(ReaderPoolTest, LeasesAfterCloseOrThatCannotOpenAreRefused) {
-  ReaderPool pool(path_, 2);
-  pool.close();
-  pool.close();
-  EXPECT_EQ(error_of<ReaderUnavailable>([&] { pool.lease(); }),
-            "the read connections of " + path_.string() + " are closed");
-  ReaderPool missing(dir_ / "missing.db", 1);
-  EXPECT_EQ(error_of<ReaderUnavailable>([&] { missing.lease(); }),
-            "cannot open a read connection on " + (dir_ / "missing.db").string() +
-                ": unable to open database file");
-  EXPECT_THROW(ReaderPool(path_, 0), std::invalid_argument);
-}
-
-TEST_F(ReaderPoolTest, ConnectionsServeOneThreadAtATimeAndCloseWaitsForAll) {
+TEST_F(ReaderPoolTest, ConnectionsServeOneThreadAtATimeAndCloseWaitsForAllThenRefuses) {
   ReaderPool pool(path_, 2);
   std::mutex mutex;
   std::set<sqlite::Connection*> in_use;
-  std::atomic<int> shared{0};
-  std::atomic<int> active{0};
-  std::atomic<int> served{0};
-  std::latch started(4);
+  std::atomic<int> shared{0}, active{0}, served{0};
   std::vector<std::thread> threads;
-  threads.reserve(4);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&] {
-      started.count_down();
-      while (true) {
+      for (;;) {
         try {
           auto lease = pool.lease();
           ++active;
-          {
-            const std::lock_guard hold(mutex);
-            if (!in_use.insert(&lease.connection()).second) ++shared;
-          }
-          if (count(lease) == 1) ++served;
-          {
-            const std::lock_guard hold(mutex);
-            in_use.erase(&lease.connection());
-          }
-          --active;
+          if (const std::lock_guard hold(mutex); !in_use.insert(&lease.connection()).second)
+            ++shared;
+          served += count(lease) == 1 ? 1 : 0;
+          if (const std::lock_guard hold(mutex); in_use.erase(&lease.connection()) == 1) --active;
         } catch (const ReaderUnavailable& error) {
-          if (std::string(error.what()).find("closed") != std::string::npos) return;
+          if (std::string(error.what()).ends_with("are closed")) return;
         }
       }
     });
   }
-  started.wait();
   while (served.load() < 400) std::this_thread::yield();
   pool.close();
   EXPECT_EQ(active.load(), 0);  // close() returned only after every lease had ended
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(shared.load(), 0);
+  pool.close();
+  EXPECT_EQ(error_of<ReaderUnavailable>([&] { pool.lease(); }),
+            "the read connections of " + path_.string() + " are closed");
+
+  ReaderPool missing(dir_ / "missing.db", 1);
+  EXPECT_EQ(error_of<ReaderUnavailable>([&] { missing.lease(); }),
+            "cannot open a read connection on " + (dir_ / "missing.db").string() +
+                ": unable to open database file");
+  EXPECT_THROW(ReaderPool(path_, 0), std::invalid_argument);
 }
 
 }  // namespace

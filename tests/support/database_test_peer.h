@@ -29,7 +29,6 @@ class DatabaseTestPeer {
   static void bump_index_generation(Database& db, sqlite::Cursor* cursor = nullptr) {
     db.bump_index_generation(cursor);
   }
-  static detail::Space space(sqlite::Connection& connection) { return Database::space(connection); }
   static std::int64_t release_free_pages(Database& db) { return db.release_free_pages(); }
   static bool shrink_file(Database& db, std::chrono::milliseconds patience) {
     return db.shrink_file(patience);

@@ -32,8 +32,7 @@ class FaultVfs {
   // Disarms both faults.
   void heal();
 
-  std::int64_t bytes_written() const { return written_.load(); }  // since the last arming
-  int faults() const { return faults_.load(); }                   // failures injected so far
+  int faults() const { return faults_.load(); }  // failures injected so far
 
   struct File;                                    // a file opened through this VFS
   static sqlite3_vfs* real_of(sqlite3_vfs* vfs);  // the VFS that `vfs` forwards to

@@ -1,6 +1,7 @@
 #include "quilma/utils/path_filter.h"
 
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -63,6 +64,30 @@ TEST(GlobMatchTest, MatchesWholePathsSegmentBySegment) {
   EXPECT_FALSE(glob_match("*a*a*a*a*a*a*a*a*a*b", std::string(5000, 'a')));
 }
 
+// A backslash makes any character literal, outside a set and inside one (alone or as either
+// end of a range); checked for every printable ASCII character and a two-byte one.
+TEST(GlobMatchTest, EscapedCharactersAreLiteralEverywhere) {
+  std::vector<std::string> chars{"\xC3\xA9"};
+  for (char c = ' '; c < 127; ++c) {
+    if (c != '/') chars.emplace_back(1, c);
+  }
+  for (const std::string& c : chars) {
+    const std::string e = "\\" + c;
+    SCOPED_TRACE(c);
+    EXPECT_TRUE(glob_match(e + "x" + e, c + "x" + c));
+    EXPECT_FALSE(glob_match(e + "x", "\x01x"));
+    EXPECT_FALSE(glob_match(e, c + c));
+    EXPECT_TRUE(glob_match("[" + e + "]x", c + "x"));
+    EXPECT_TRUE(glob_match("[!" + e + "]x", (c == "y" ? "z" : "y") + std::string("x")));
+    EXPECT_FALSE(glob_match("[!" + e + "]x", c + "x"));
+    EXPECT_TRUE(glob_match("[" + e + "-" + e + "]x", c + "x"));
+    EXPECT_TRUE(glob_match("[" + e + "-\xEF\xBF\xBD]x", c + "x"));
+    EXPECT_TRUE(glob_match("[ -" + e + "]x", c + "x"));
+  }
+  EXPECT_FALSE(glob_match("[\\a-\\c]", "d"));
+  EXPECT_TRUE(glob_match("[\\]a]", "a"));
+}
+
 TEST(PathUnderTest, AcceptsTheDirectoryItselfAndWhatLiesBelowIt) {
   EXPECT_TRUE(path_under("src/a.py", "src/"));
   EXPECT_TRUE(path_under("src", "src"));
@@ -105,6 +130,10 @@ TEST(PathFunctionsTest, WorkInSqlWithNullsPerRowPatternsAndClearErrors) {
   EXPECT_EQ(error("SELECT path_glob(?, 'a')", {std::string(1025, '*')}),
             "path_glob(): the pattern is longer than 1024 bytes");
   EXPECT_EQ(error("SELECT path_glob('a')"), "wrong number of arguments to function path_glob()");
+  // Registering again under a running statement would change the function it calls.
+  cursor.execute("SELECT path_glob(pattern, '') FROM p");
+  EXPECT_EQ(error_of<sqlite::OperationalError>([&] { register_path_functions(connection); }),
+            "unable to delete/modify user-function due to active statements");
 }
 
 }  // namespace

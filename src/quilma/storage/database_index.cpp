@@ -134,8 +134,9 @@ void check_staging(const std::filesystem::path& staging_path) {
     chunks.get();
     problems = references.get();
   } catch (const sqlite::DatabaseError& error) {
-    chunks.wait();
-    references.wait();
+    // The other checks end before the error goes on (get() has consumed those that threw).
+    if (chunks.valid()) chunks.wait();
+    if (references.valid()) references.wait();
     sqlite::raise_error(error.extended_code(),
                         "Staging database " + name + " is damaged: " + error.what());
   }

@@ -1,15 +1,37 @@
-// The rows of the crash suite's indexes, written by the test's setup and by the child's long
-// transaction alike.
+// Databases as the service opens them, and index rows that tell one build from another: shared
+// by the storage, crash and stress tests.
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "quilma/sqlite/cursor.h"
+#include <sqlite3.h>
+
 #include "quilma/storage/core_schema.h"
+#include "quilma/storage/database.h"
 
 namespace quilma::testing {
+
+inline void open_fully(storage::Database& db) {
+  db.connect();
+  db.create_schema();
+  db.migrate_schema();
+}
+
+// The first column of the first row of `sql`, as an integer.
+inline std::int64_t number(storage::Database& db, const std::string& sql) {
+  return db.fetchone(sql).value()[0].as_int();
+}
+
+inline std::string bytes_of(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
 
 // Rows of every index table for the files with ids [first, first + count), told apart from
 // other builds by `tag`: a component per 50 files, four symbols, three edges, an import and two
@@ -54,5 +76,24 @@ inline void fill_index(sqlite::Cursor& cursor, const std::string& tag, std::int6
       "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, 1)",
       chunks);
 }
+
+// A pragma that a connection is kept from setting: its statements are ignored (SQLITE_IGNORE)
+// or refused (SQLITE_DENY); reading the pragma stays allowed. Outlives the connection.
+struct PragmaVeto {
+  std::string_view name;
+  int verdict;
+
+  void apply(sqlite3* db) const {
+    sqlite3_set_authorizer(
+        db,
+        [](void* self, int action, const char* pragma, const char* value, const char*,
+           const char*) {
+          const auto& veto = *static_cast<const PragmaVeto*>(self);
+          return action == SQLITE_PRAGMA && value != nullptr && veto.name == pragma ? veto.verdict
+                                                                                    : SQLITE_OK;
+        },
+        const_cast<PragmaVeto*>(this));
+  }
+};
 
 }  // namespace quilma::testing
