@@ -14,6 +14,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <spdlog/logger.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -350,6 +351,7 @@ TEST_F(IndexedRepoTest, AnIndexThatCannotBeWrittenIsSearched) {
 }
 
 TEST(AppTest, BadUsageAndFailedOperations) {
+  const spdlog::level::level_enum level = storage::database_logger()->level();
   testing::TempDir dir;
   const std::string empty = dir.path().string();
   const std::vector<std::pair<std::vector<std::string>, std::string>> usages = {
@@ -369,7 +371,13 @@ TEST(AppTest, BadUsageAndFailedOperations) {
     EXPECT_EQ(result.status, EXIT_USAGE) << ::testing::PrintToString(usage);
     EXPECT_NE(result.err.find(said), std::string::npos) << result.err;
   }
-  EXPECT_EQ(quilma_db({"--help"}).status, 0);
+  const Result help = quilma_db({"search", "--help"});
+  EXPECT_EQ(help.status, 0);
+  for (const char* shown : {"{rank,path}=rank", "--limit INT:N >= 1=20"}) {  // the defaults
+    EXPECT_NE(help.out.find(shown), std::string::npos) << help.out;
+  }
+  // A run gives the storage layer's loggers back as it found them.
+  EXPECT_EQ(storage::database_logger()->level(), level);
   const Result version = quilma_db({"--version"});
   EXPECT_EQ(version.status, 0);
   EXPECT_TRUE(version.out.starts_with("quilma-db ")) << version.out;

@@ -585,6 +585,7 @@ int run(int argc, const char* const* argv, const Io& io) {
   search
       .add_option("--limit", options.search.limit,
                   "At most this many matching lines (files with -l or -c)")
+      ->default_str(std::to_string(SearchRequest{}.limit.value_or(0)))
       ->check(CLI::Validator(
           [](const std::string& value) {
             return std::all_of(value.begin(), value.end(),
