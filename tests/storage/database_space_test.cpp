@@ -180,7 +180,7 @@ TEST_F(SpaceTest, FreePagesGoBackInStepsOnceThereAreEnoughByCountAndShare) {
   EXPECT_EQ(db.compact(), released(5000));
   const std::vector<std::int64_t> steps = release_steps(trace.statements());
   ASSERT_GE(steps.size(), 5U);
-  EXPECT_EQ(steps.front(), 256);
+  EXPECT_EQ(steps.front(), detail::COMPACT_FIRST_STEP_PAGES);
   EXPECT_EQ(trace.count("PRAGMA wal_autocheckpoint=1000"), 1);  // set back after the steps
   EXPECT_LT(std::filesystem::file_size(path_), size_before - 5000 * 8192);
   EXPECT_EQ(std::filesystem::file_size(path_.string() + "-wal"), 0U);
@@ -192,7 +192,7 @@ TEST_F(SpaceTest, FreePagesGoBackInStepsOnceThereAreEnoughByCountAndShare) {
 TEST_F(SpaceTest, EachReleaseStepIsSizedFromThePaceOfTheOneBefore) {
   Database db(path_);
   Strings statements;  // one trace per connection: the hook records them
-  // The first step is made to take 60 ms: the next one asks for a third of its pages or fewer.
+  // The first step is made to take 60 ms: the next one asks for what fits the target at that pace.
   StatementHook hook([&](std::string_view sql) {
     statements.emplace_back(sql);
     if (sql.starts_with(RELEASE_STEP) && release_steps(statements).size() == 1) {
@@ -205,8 +205,8 @@ TEST_F(SpaceTest, EachReleaseStepIsSizedFromThePaceOfTheOneBefore) {
   EXPECT_EQ(Peer::release_free_pages(db), 3000);
   const std::vector<std::int64_t> steps = release_steps(statements);
   ASSERT_GE(steps.size(), 4U);
-  EXPECT_EQ(steps[0], 256);
-  EXPECT_LE(steps[1], 256 / 3);
+  EXPECT_EQ(steps[0], detail::COMPACT_FIRST_STEP_PAGES);
+  EXPECT_LE(steps[1], detail::COMPACT_FIRST_STEP_PAGES * detail::COMPACT_STEP_TARGET.count() / 60);
   for (const std::int64_t step : steps) {
     EXPECT_GE(step, 16);
     EXPECT_LE(step, COMPACT_STEP_PAGES);
@@ -254,7 +254,8 @@ TEST_F(SpaceTest, AWriterWaitsForOneStepAtMostAndACloseEndsTheRelease) {
     close_at_first = true;
   }
   free_pages(db, 5000);
-  EXPECT_EQ(Peer::release_free_pages(db), 256);  // the first step, then the database was closed
+  // The first step, then the database was closed.
+  EXPECT_EQ(Peer::release_free_pages(db), detail::COMPACT_FIRST_STEP_PAGES);
   closer.join();
   EXPECT_TRUE(db.closed());
 }
