@@ -102,8 +102,9 @@ def describe(name, report, floor):
            f"  whole run / FTS5 floor {total / floor:4.2f}x" if floor else ""))
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__,
+def tree_arguments(doc):
+    """The command line of a benchmark over the generated tree, and the tree, made if missing."""
+    parser = argparse.ArgumentParser(description=doc,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--files", type=int, default=20000)
     parser.add_argument("--mib", type=float, default=200.0)
@@ -111,9 +112,13 @@ def main():
     parser.add_argument("--dir", default=os.environ.get("QUILMA_BENCH_DIR",
                                                         os.path.join(ROOT, "build/bench-data")))
     args = parser.parse_args()
-
     tree = os.path.join(args.dir, f"index-tree-{args.files}")
     ensure_tree(tree, args.files, args.mib)
+    return args, tree
+
+
+def main():
+    args, tree = tree_arguments(__doc__)
     db_dir = os.path.join(args.dir, "index-bench")
     shutil.rmtree(db_dir, ignore_errors=True)
     db = os.path.join(db_dir, "index.db")

@@ -8,7 +8,6 @@ The ratio is git grep's time over quilma-db's, so above 1 means quilma-db is fas
 print every matching line (quilma-db with --all); the rows also say how many lines each
 printed, which for -w -s must be the same.
 """
-import argparse
 import os
 import sqlite3
 import statistics
@@ -17,7 +16,7 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from index_bench import ROOT, ensure_tree  # noqa: E402
+from index_bench import tree_arguments  # noqa: E402
 
 RUNS = 7
 
@@ -56,17 +55,7 @@ def identifiers(db, tree):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__,
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--files", type=int, default=20000)
-    parser.add_argument("--mib", type=float, default=200.0)
-    parser.add_argument("--binary", default=os.path.join(ROOT, "build/default/quilma-db"))
-    parser.add_argument("--dir", default=os.environ.get("QUILMA_BENCH_DIR",
-                                                        os.path.join(ROOT, "build/bench-data")))
-    args = parser.parse_args()
-
-    tree = os.path.join(args.dir, f"index-tree-{args.files}")
-    ensure_tree(tree, args.files, args.mib)
+    args, tree = tree_arguments(__doc__)
     db = os.path.join(args.dir, "search-bench", "index.db")
     if not os.path.exists(db):
         subprocess.run([args.binary, "-q", "--db", db, "index", tree], check=True,
