@@ -142,14 +142,13 @@ void add_literal_lines(std::string_view path, std::int64_t start_line, std::stri
   const std::string_view term = request.query;
   if (term.find('\n') != std::string_view::npos) return;  // no line holds a line break
   SearchHit hit;  // the line being gathered, from line_begin to line_end of `text`
+  std::int64_t line = start_line;
   std::size_t line_begin = 0;
   std::size_t line_end = 0;
-  hit.line = start_line;
   const auto flush = [&] {
     if (hit.matches.empty()) return;
     finish(hit);
-    hits.push_back(std::move(hit));
-    hit.matches.clear();
+    hits.push_back(std::exchange(hit, SearchHit()));
   };
   for (std::size_t at = find_term(text, term, 0, request.case_sensitive);
        at != std::string_view::npos && hits.size() < room;) {
@@ -160,12 +159,13 @@ void add_literal_lines(std::string_view path, std::int64_t start_line, std::stri
     }
     if (hit.matches.empty() || at >= line_end) {
       flush();
-      hit.line += std::count(text.begin() + static_cast<std::ptrdiff_t>(line_begin),
-                             text.begin() + static_cast<std::ptrdiff_t>(at), '\n');
+      line += std::count(text.begin() + static_cast<std::ptrdiff_t>(line_begin),
+                         text.begin() + static_cast<std::ptrdiff_t>(at), '\n');
       const std::size_t previous_break = text.rfind('\n', at);
       line_begin = previous_break == std::string_view::npos ? 0 : previous_break + 1;
       line_end = std::min(text.find('\n', at), text.size());
       hit.path = path;
+      hit.line = line;
       hit.text = text.substr(line_begin, line_end - line_begin);
     }
     hit.matches.emplace_back(at - line_begin, end - line_begin);

@@ -97,7 +97,9 @@ std::int64_t copy_chunks(sqlite::Cursor& cursor) {
   for (const std::string_view table : CHUNK_STORE) {
     const std::string name(table);
     cursor.execute("DELETE FROM " + name);  // what a new, empty table starts with
-    cursor.execute("INSERT INTO " + name + " SELECT * FROM stg." + name);
+    std::string copy = "INSERT INTO ";
+    copy.append(name).append(" SELECT * FROM stg.").append(name);
+    cursor.execute(copy);
     if (table == "code_chunks_content") chunks = std::max<std::int64_t>(cursor.rowcount(), 0);
   }
   return chunks;
