@@ -56,6 +56,11 @@ std::optional<std::string> definition(sqlite::Cursor& cursor, std::string_view s
   return (*row)[0].as_text();
 }
 
+// Rows changed by the cursor's last statement; SQLite reports none as -1.
+std::int64_t inserted_rows(const sqlite::Cursor& cursor) {
+  return std::max<std::int64_t>(cursor.rowcount(), 0);
+}
+
 // The tables in which FTS5 keeps code_chunks' index and text. A staging build's are copied as
 // they are when both files define them alike: the chunks are not tokenised a second time.
 // code_chunks_config stays the live file's (the staging build's merge settings are its own).
@@ -91,7 +96,7 @@ std::int64_t copy_chunks(sqlite::Cursor& cursor) {
     cursor.execute(
         "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
         "SELECT rowid, text, start_line, end_line, exact FROM stg.code_chunks");
-    return std::max<std::int64_t>(cursor.rowcount(), 0);
+    return inserted_rows(cursor);
   }
   std::int64_t chunks = 0;
   for (const std::string_view table : CHUNK_STORE) {
@@ -100,7 +105,7 @@ std::int64_t copy_chunks(sqlite::Cursor& cursor) {
     std::string copy = "INSERT INTO ";
     copy.append(name).append(" SELECT * FROM stg.").append(name);
     cursor.execute(copy);
-    if (table == "code_chunks_content") chunks = std::max<std::int64_t>(cursor.rowcount(), 0);
+    if (table == "code_chunks_content") chunks = inserted_rows(cursor);
   }
   return chunks;
 }
@@ -161,11 +166,6 @@ std::string column_list(sqlite::Cursor& cursor, std::string_view table) {
     columns += row[1].as_text();
   }
   return columns;
-}
-
-// Rows changed by the cursor's last statement; SQLite reports none as -1.
-std::int64_t inserted_rows(const sqlite::Cursor& cursor) {
-  return std::max<std::int64_t>(cursor.rowcount(), 0);
 }
 
 }  // namespace
