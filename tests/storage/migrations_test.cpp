@@ -1,42 +1,52 @@
+// The schema: the tables a new file gets, and the steps that bring an older file up to date.
 #include "quilma/storage/migrations.h"
 
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/temp_dir.h"
 
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
+#include "quilma/storage/core_schema.h"
 
-namespace quilma::storage::migrations {
+namespace quilma::storage {
 namespace {
 
-using ::testing::ElementsAre;
+using migrations::detail::parse_version;
 
 TEST(MigrationsTest, VersionsCompareNumericallyAndStepsAreInOrder) {
-  EXPECT_LT(detail::parse_version("3.9.0"), detail::parse_version("3.10.0"));
-  EXPECT_LT(detail::parse_version("2.12.0"), detail::parse_version("3"));
-  EXPECT_EQ(detail::parse_version("3"), detail::parse_version("3.0.0"));
+  EXPECT_LT(parse_version("3.9.0"), parse_version("3.10.0"));
+  EXPECT_LT(parse_version("2.12.0"), parse_version("3"));
+  EXPECT_EQ(parse_version("3.0.0"), parse_version("3"));
+  EXPECT_EQ(parse_version("0.0"), std::vector<std::int64_t>{0});
   for (const char* bad : {"", "3.", ".3", "3..1", "v3", "3.1-rc1", "-1", "+1", "3.1.0 "}) {
-    EXPECT_THROW(detail::parse_version(bad), SchemaMigrationError) << bad;
+    EXPECT_THROW(parse_version(bad), migrations::SchemaMigrationError) << bad;
   }
-  const std::span<const detail::Step> steps = detail::steps();
+  const auto steps = migrations::detail::steps();
   ASSERT_FALSE(steps.empty());
   for (std::size_t i = 1; i < steps.size(); ++i) {
-    EXPECT_LT(detail::parse_version(steps[i - 1].version), detail::parse_version(steps[i].version));
+    EXPECT_LT(parse_version(steps[i - 1].version), parse_version(steps[i].version));
   }
-  EXPECT_LT(detail::parse_version(OLDEST_VERSION), detail::parse_version(steps.front().version));
-  EXPECT_EQ(steps.back().version, SCHEMA_VERSION);
+  EXPECT_LT(parse_version(migrations::OLDEST_VERSION), parse_version(steps.front().version));
+  EXPECT_EQ(steps.back().version, migrations::SCHEMA_VERSION);
 }
 
-TEST(RunDdlTest, SplitsOnlyWhereAStatementEnds) {
-  testing::TempDir dir;
-  sqlite::Connection connection(dir / "t.db");
-  sqlite::Cursor cursor = connection.cursor();
-  run_ddl(cursor, R"sql(
+class SchemaTest : public ::testing::Test {
+ protected:
+  std::string text(const std::string& sql, const sqlite::Params& params = {}) {
+    return cursor_.execute(sql, params).fetchone().value()[0].as_text();
+  }
+
+  testing::TempDir dir_;
+  sqlite::Connection connection_{dir_ / "index.db"};
+  sqlite::Cursor cursor_ = connection_.cursor();
+};
+
+TEST_F(SchemaTest, DdlSplitsOnlyWhereAStatementEndsAndStaleFilesAreMarkedByLanguage) {
+  migrations::run_ddl(cursor_, R"sql(
     -- a comment; with a semicolon
     CREATE TABLE t (v TEXT DEFAULT 'a;b');
     CREATE TABLE log (v TEXT);;
@@ -44,34 +54,53 @@ TEST(RunDdlTest, SplitsOnlyWhereAStatementEnds) {
       INSERT INTO log VALUES ('x;y');
       INSERT INTO log VALUES (new.v);
     END;
-    /* last one, without a semicolon */ INSERT INTO t DEFAULT VALUES
-  )sql");
-  std::vector<std::string> logged;
-  for (const sqlite::Row& row : cursor.execute("SELECT v FROM log ORDER BY rowid").fetchall()) {
-    logged.push_back(row[0].as_text());
-  }
-  EXPECT_THAT(logged, ElementsAre("x;y", "a;b"));
-  EXPECT_THROW(run_ddl(cursor, "CREATE TABLE u (v); CREATE TABLE t (v)"), sqlite::OperationalError);
-}
-
-TEST(MarkFilesStaleTest, MarksEveryFileOfTheLanguagesOnly) {
-  testing::TempDir dir;
-  sqlite::Connection connection(dir / "t.db");
-  sqlite::Cursor cursor = connection.cursor();
-  run_ddl(cursor, R"sql(
     CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, language TEXT, hash TEXT);
     INSERT INTO files (path, language, hash) VALUES
       ('a.py', 'python', 'h'), ('b.py', 'python', 'h'), ('c.go', 'go', 'h'), ('d', NULL, 'h');
+    /* last one, without a semicolon */ INSERT INTO t DEFAULT VALUES
   )sql");
-  EXPECT_EQ(mark_files_stale(cursor, {"python", "rust", "python"}), 2);
-  EXPECT_EQ(mark_files_stale(cursor, {}), 0);
-  EXPECT_EQ(
-      cursor.execute("SELECT group_concat(path) FROM files WHERE hash = ?", {REINDEX_SENTINEL_HASH})
-          .fetchone()
-          .value()[0]
-          .as_text(),
-      "a.py,b.py");
+  EXPECT_EQ(text("SELECT group_concat(v) FROM log"), "x;y,a;b");
+  EXPECT_THROW(migrations::run_ddl(cursor_, "CREATE TABLE u (v); CREATE TABLE t (v)"),
+               sqlite::OperationalError);
+  EXPECT_EQ(migrations::mark_files_stale(cursor_, {"python", "rust", "python"}), 2);
+  EXPECT_EQ(migrations::mark_files_stale(cursor_, {}), 0);
+  EXPECT_EQ(text("SELECT group_concat(path) FROM files WHERE hash = ?",
+                 {migrations::REINDEX_SENTINEL_HASH}),
+            "a.py,b.py");
+}
+
+TEST_F(SchemaTest, MissingTablesAreCreatedOthersLeftAloneAndAFilesChunksGoWithIt) {
+  cursor_.execute("CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, extra TEXT)");
+  cursor_.execute("PRAGMA foreign_keys = ON");
+  for (int twice = 0; twice < 2; ++twice) {  // the second time, finds everything there
+    cursor_.execute("BEGIN");
+    core_schema::create_tables(cursor_);
+    cursor_.execute("COMMIT");
+  }
+  EXPECT_EQ(text("SELECT group_concat(name) FROM pragma_table_info('files') WHERE name = 'extra'"),
+            "extra");
+  EXPECT_FALSE(cursor_.execute("SELECT * FROM schema_info").fetchone());  // to be migrated
+  cursor_.execute("INSERT INTO files (id, path) VALUES (1, 'a'), (2, 'b'), (3, 'c')");
+  cursor_.execute("INSERT INTO symbols (id, file_id, name, kind) VALUES (1, 2, 'f', 'function')");
+  cursor_.execute("INSERT INTO edges (source_id, target_id, kind) VALUES (1, 1, 'calls')");
+  for (const std::int64_t file : {1, 2, 3}) {
+    for (const std::int64_t index : {std::int64_t{0}, core_schema::CHUNKS_PER_FILE - 1}) {
+      cursor_.execute("INSERT INTO code_chunks (rowid, text) VALUES (?, ?)",
+                      {core_schema::chunk_rowid(file, index), std::to_string(file)});
+    }
+  }
+  cursor_.execute("DELETE FROM files WHERE id = 2");
+  EXPECT_EQ(text("SELECT group_concat(text) || (SELECT COUNT(*) FROM symbols) || "
+                 "(SELECT COUNT(*) FROM edges) FROM code_chunks"),
+            "1,1,3,300");
+  // The trigger outlives the table being dropped and made again.
+  cursor_.execute("DROP TABLE code_chunks");
+  cursor_.execute(migrations::CODE_CHUNKS_DDL);
+  cursor_.execute("INSERT INTO code_chunks (rowid, text) VALUES (?, 'x')",
+                  {core_schema::chunk_rowid(3, 5)});
+  cursor_.execute("DELETE FROM files WHERE id = 3");
+  EXPECT_FALSE(cursor_.execute("SELECT * FROM code_chunks").fetchone());
 }
 
 }  // namespace
-}  // namespace quilma::storage::migrations
+}  // namespace quilma::storage
