@@ -9,9 +9,7 @@
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
-#include "quilma/sqlite/error.h"
 #include "quilma/storage/database_detail.h"
-#include "quilma/storage/log.h"
 #include "quilma/storage/migrations.h"
 
 namespace quilma::storage {
@@ -20,7 +18,6 @@ namespace {
 using Peer = DatabaseTestPeer;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using testing::LogCapture;
 using testing::open_fully;
 using namespace std::string_literals;
@@ -65,47 +62,50 @@ void make_release_file(const std::filesystem::path& path, int later) {
   run(path, "ALTER TABLE symbols ADD COLUMN qualified_name TEXT; UPDATE schema_info SET value = 3");
 }
 
-struct ReleaseCase {
-  int later;
-  std::string recorded;
-  std::string chunks_and_hash;  // only 2.12.0 re-creates the chunks: older text is parsed again
-};
+// The names of a file's tables, indexes and triggers, and whether it has the columns that
+// releases since 2.0.0 added.
+std::string schema_of(const std::filesystem::path& path) {
+  return value_of(
+      path,
+      "SELECT group_concat(name), (SELECT COUNT(*) FROM pragma_table_info('index_errors') "
+      "WHERE name = 'line') + (SELECT COUNT(*) FROM pragma_table_info('symbols') WHERE "
+      "name = 'qualified_name') + (SELECT COUNT(*) FROM pragma_table_info('code_chunks') "
+      "WHERE name = 'exact') FROM (SELECT name FROM sqlite_schema ORDER BY 1)");
+}
+
+// How many later releases touched the file, the version it recorded, and what becomes of its
+// chunks and hashes (only 2.12.0 made the chunk table the current one: older text is parsed again).
+using ReleaseCase = std::tuple<int, std::string, std::string>;
 
 class OpenReleaseFileTest : public ::testing::TestWithParam<ReleaseCase> {};
 
 TEST_P(OpenReleaseFileTest, MigratesToTheCurrentSchemaAndPageSizeKeepingTheIndex) {
+  const auto& [later, recorded, chunks_and_hash] = GetParam();
   testing::TempDir dir;
-  make_release_file(dir / "index.db", GetParam().later);
+  make_release_file(dir / "index.db", later);
   LogCapture log;
-  {
-    Database db(dir / "index.db");
-    open_fully(db);
-    EXPECT_TRUE(db.check_integrity());
-    EXPECT_NE(Peer::readers(db), nullptr);  // opened again after the rewrite
-  }
+  Database db(dir / "index.db");
+  open_fully(db);
+  EXPECT_TRUE(db.check_integrity());
+  EXPECT_NE(Peer::readers(db), nullptr);  // opened again after the rewrite
   EXPECT_THAT(log.texts(spdlog::level::info),
-              ElementsAre("Schema version 3.1.0 (recorded " + GetParam().recorded + ")"));
+              ElementsAre("Schema version 3.1.0 (recorded " + recorded + ")"));
   EXPECT_EQ(value_of(dir / "index.db",
                      "SELECT value, page_size, auto_vacuum, journal_mode, (SELECT COUNT(*) FROM "
-                     "pragma_table_info('index_errors') WHERE name = 'line') + (SELECT COUNT(*) "
-                     "FROM pragma_table_info('symbols') WHERE name = 'qualified_name') + (SELECT "
-                     "COUNT(*) FROM pragma_table_info('code_chunks') WHERE name = 'exact') + "
-                     "(SELECT COUNT(*) FROM sqlite_schema WHERE name IN ('idx_symbols_name', "
-                     "'files_delete_chunks', 'pending_references')), (SELECT COUNT(*) FROM "
                      "files), (SELECT COUNT(*) FROM code_chunks), (SELECT hash FROM files WHERE "
                      "id = 1) FROM schema_info, pragma_page_size, pragma_auto_vacuum, "
                      "pragma_journal_mode WHERE key = 'version'"),
-            "3.1.0|8192|2|wal|6|2|" + GetParam().chunks_and_hash);
-  log.clear();
-  Database again(dir / "index.db");
-  open_fully(again);
-  EXPECT_THAT(log.texts(spdlog::level::info), ElementsAre("Schema version 3.1.0 (recorded 3.1.0)"));
+            "3.1.0|8192|2|wal|2|" + chunks_and_hash);
+  Database created(dir / "new.db");
+  open_fully(created);
+  EXPECT_EQ(schema_of(dir / "index.db"), schema_of(dir / "new.db"));
+  EXPECT_THAT(schema_of(dir / "new.db"), ::testing::EndsWith("|3"));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Releases, OpenReleaseFileTest,
-    ::testing::Values(ReleaseCase{0, "2.0.0", "0|" + std::string(REINDEX_SENTINEL_HASH)},
-                      ReleaseCase{1, "2.12.0", "1|h1"}, ReleaseCase{2, "3", "1|h1"}));
+INSTANTIATE_TEST_SUITE_P(Releases, OpenReleaseFileTest,
+                         ::testing::Values(ReleaseCase{0, "2.0.0", "0|reindex-pending"},
+                                           ReleaseCase{1, "2.12.0", "1|h1"},
+                                           ReleaseCase{2, "3", "1|h1"}));
 
 TEST(OpenSequenceTest, ANewFileIsCreatedCurrentAndCheckedWhole) {
   testing::TempDir dir;
@@ -116,7 +116,7 @@ TEST(OpenSequenceTest, ANewFileIsCreatedCurrentAndCheckedWhole) {
   db.create_schema();
   db.migrate_schema();
   EXPECT_EQ(Peer::readers(db), readers);  // no rewrite, so the pool stays
-  EXPECT_THAT(size_log.lines(), IsEmpty());
+  EXPECT_TRUE(size_log.lines().empty());
   EXPECT_EQ(
       value_of(dir / "sub" / "index.db", "SELECT value FROM schema_info WHERE key = 'version'"),
       migrations::SCHEMA_VERSION);
@@ -153,7 +153,7 @@ TEST(OpenSequenceTest, AVersionThatCannotBeMigratedStopsTheOpenAndKeepsTheStepsB
                 HasSubstr(error));
     EXPECT_EQ(value_of(path, "SELECT value, page_size FROM schema_info, pragma_page_size"),
               after + "|4096");
-    EXPECT_THAT(log.lines(), IsEmpty());  // neither the version line nor a rewrite
+    EXPECT_TRUE(log.lines().empty());  // neither the version line nor a rewrite
   }
 }
 
@@ -168,7 +168,6 @@ class RewritePagesTest : public ::testing::Test {
     run(path_,
         "PRAGMA journal_mode = DELETE; PRAGMA page_size = 4096; VACUUM; "
         "PRAGMA journal_mode = WAL; INSERT INTO keep VALUES ('kept')");
-    size_log_.clear();
   }
   void TearDown() override { detail::replace_free_space_query({}); }
 
@@ -186,10 +185,9 @@ class RewritePagesTest : public ::testing::Test {
     } else {
       db.migrate_schema();
     }
-    ReaderPool* after = Peer::readers(db);
     EXPECT_THROW(before->lease(), ReaderUnavailable);
-    EXPECT_NE(after, before);
-    EXPECT_NO_THROW(after->lease());
+    EXPECT_NE(Peer::readers(db), before);
+    EXPECT_NO_THROW(Peer::readers(db)->lease());
     db.execute("INSERT INTO keep VALUES ('more')");
     return value_of(path_,
                     "SELECT page_size, journal_mode FROM pragma_page_size, pragma_journal_mode");
@@ -197,10 +195,10 @@ class RewritePagesTest : public ::testing::Test {
 
   testing::TempDir dir_;
   std::filesystem::path path_ = dir_ / "index.db";
-  LogCapture size_log_{"quilma.storage.storage_size"};
 };
 
 TEST_F(RewritePagesTest, RunsOnceWithRoomWithTheReadersClosedAroundItAndOpenAgainWhatever) {
+  LogCapture log("quilma.storage.storage_size");
   detail::replace_free_space_query([](const std::filesystem::path&) { return 0; });
   EXPECT_EQ(open_replacing_pool(), "4096|wal");
   detail::replace_free_space_query({});
@@ -211,18 +209,18 @@ TEST_F(RewritePagesTest, RunsOnceWithRoomWithTheReadersClosedAroundItAndOpenAgai
     other.cursor().execute("SELECT COUNT(*) FROM keep").fetchall();  // open, idle
     EXPECT_EQ(open_replacing_pool(), "4096|wal");
   }
-  EXPECT_THAT(size_log_.texts(spdlog::level::warn),
+  EXPECT_THAT(log.texts(spdlog::level::warn),
               ElementsAre(HasSubstr("Not rewriting " + path_.string() +
                                     " with 8192-byte pages: not enough disk space"),
                           HasSubstr("cannot leave WAL mode")));
   EXPECT_EQ(open_replacing_pool(), "8192|wal");
   EXPECT_EQ(value_of(path_, "SELECT group_concat(v) FROM keep"), "kept,more,more,more,more");
-  EXPECT_THAT(size_log_.texts(spdlog::level::info),
+  EXPECT_THAT(log.texts(spdlog::level::info),
               ElementsAre("Rewrote " + path_.string() + " with 8192-byte pages"));
-  size_log_.clear();
+  log.clear();
   Database again(path_);
   open_fully(again);
-  EXPECT_THAT(size_log_.lines(), IsEmpty());
+  EXPECT_TRUE(log.lines().empty());
 }
 
 class ExtractorStampTest : public ::testing::Test {
@@ -232,21 +230,20 @@ class ExtractorStampTest : public ::testing::Test {
     db_.executemany("INSERT INTO files (path, language, hash) VALUES (?, ?, 'h')",
                     {{"a.py", "python"}, {"b.py", "python"}, {"c.go", "go"}, {"d.rs", "rust"}});
   }
-  std::string stamp() {
-    return value_of(dir_ / "index.db",
-                    "SELECT ifnull(max(value), 'none') FROM schema_info WHERE key = '" +
-                        std::string(EXTRACTOR_VERSIONS_KEY) + "'");
+  // What the refresh returns, how many files it marked for re-indexing (unmarked again after),
+  // and the stamp it left.
+  std::string refresh(const std::map<std::string, std::int64_t>& versions) {
+    const std::int64_t marked = db_.refresh_extractor_stamp(versions);
+    const std::string state = value_of(
+        dir_ / "index.db",
+        "SELECT (SELECT COUNT(*) FROM files WHERE hash = 'reindex-pending'), ifnull((SELECT "
+        "value FROM schema_info WHERE key = 'extractor_versions'), 'none')");
+    db_.execute("UPDATE files SET hash = 'h'");
+    return std::to_string(marked) + "|" + state;
   }
   void store(const sqlite::Value& raw) {
     db_.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
                 {EXTRACTOR_VERSIONS_KEY, raw});
-  }
-  // How many files are marked for re-indexing; unmarks them.
-  std::int64_t marked() {
-    const std::int64_t count = testing::number(db_, "SELECT COUNT(*) FROM files WHERE hash = '" +
-                                                        std::string(REINDEX_SENTINEL_HASH) + "'");
-    db_.execute("UPDATE files SET hash = 'h'");
-    return count;
   }
 
   testing::TempDir dir_;
@@ -255,74 +252,61 @@ class ExtractorStampTest : public ::testing::Test {
 };
 
 TEST_F(ExtractorStampTest, MarksTheLanguagesWhoseExtractorChangedAndReadsItsStampBack) {
-  EXPECT_EQ(db_.refresh_extractor_stamp({{"python", 1}, {"go", 2}}), 3);  // no stamp yet
-  EXPECT_EQ(stamp(), R"({"go": 2, "python": 1})");
-  EXPECT_EQ(marked(), 3);
+  EXPECT_EQ(refresh({{"python", 1}, {"go", 2}}), R"(3|3|{"go": 2, "python": 1})");  // no stamp yet
   const int before = sqlite3_total_changes(db_.connection().handle());
   EXPECT_EQ(db_.refresh_extractor_stamp({{"go", 2}, {"python", 1}}), 0);
   EXPECT_EQ(sqlite3_total_changes(db_.connection().handle()), before);  // nothing written
   log_.clear();
-  EXPECT_EQ(db_.refresh_extractor_stamp({{"python", 2}, {"go", 2}, {"rust", 1}}), 3);
-  EXPECT_EQ(marked(), 3);
+  EXPECT_EQ(refresh({{"python", 2}, {"go", 2}, {"rust", 1}}),
+            R"(3|3|{"go": 2, "python": 2, "rust": 1})");
   EXPECT_THAT(log_.texts(spdlog::level::info),
               ElementsAre("Extractor changed for python, rust: 3 files marked for re-indexing"));
   // A language no longer passed is dropped from the stamp, and marks nothing.
-  EXPECT_EQ(db_.refresh_extractor_stamp({{"python", 2}, {"go", 2}}), 0);
-  EXPECT_EQ(stamp(), R"({"go": 2, "python": 2})");
-
+  EXPECT_EQ(refresh({{"python", 2}, {"go", 2}}), R"(0|0|{"go": 2, "python": 2})");
   const std::map<std::string, std::int64_t> odd = {
       {"\xF0\x9F\x98\x80", 1}, {"z", -1}, {"\xC3\xA9", 9007199254740993}, {"a\"b\\", 2}};
-  db_.refresh_extractor_stamp(odd);
-  EXPECT_EQ(stamp(), R"({"a\"b\\": 2, "z": -1, "\u00e9": 9007199254740993, "\ud83d\ude00": 1})");
+  EXPECT_EQ(refresh(odd),
+            R"(0|0|{"a\"b\\": 2, "z": -1, "\u00e9": 9007199254740993, "\ud83d\ude00": 1})");
   EXPECT_EQ(db_.refresh_extractor_stamp(odd), 0);
   store(R"( {"python": 123456789012345678901234567890, "go": 1, "go": 2} )");
-  EXPECT_EQ(db_.refresh_extractor_stamp({{"python", 1}, {"go", 2}}), 2);  // the last "go" counts
-  EXPECT_THAT(log_.texts(spdlog::level::warn), IsEmpty());
+  EXPECT_EQ(refresh({{"python", 1}, {"go", 2}}),
+            R"(2|2|{"go": 2, "python": 1})");  // last "go" counts
+  EXPECT_TRUE(log_.texts(spdlog::level::warn).empty());
   db_.execute("DELETE FROM schema_info WHERE key = ?", {EXTRACTOR_VERSIONS_KEY});
-  EXPECT_EQ(db_.refresh_extractor_stamp({}), 0);  // equal to no stamp: nothing written
-  EXPECT_EQ(stamp(), "none");
+  EXPECT_EQ(refresh({}), "0|0|none");  // equal to no stamp: nothing written
   EXPECT_THAT(testing::error_of<std::invalid_argument>([&] {
                 db_.refresh_extractor_stamp({{"go", 1}, {"bad\xFF", 1}});
               }),
               HasSubstr("'bad\\xff' is not UTF-8"));
 }
 
+// The stamp as the warning shows it: a debug representation of its text.
 TEST_F(ExtractorStampTest, AStampOfAnUnknownFormatCountsAsNoneWithAWarning) {
-  const std::pair<sqlite::Value, const char*> stamps[] = {
+  const std::pair<sqlite::Value, std::string> stamps[] = {
       {"not json", "'not json'"},
       {R"({"python": 1} x)", R"('{"python": 1} x')"},
       {R"({"python": true})", R"('{"python": true}')"},
       {R"({"python": 1.0})", R"('{"python": 1.0}')"},
       {R"({"python": "1"})", R"('{"python": "1"}')"},
       {R"({"go": 1, "python": {"v": 1}})", R"('{"go": 1, "python": {"v": 1}}')"},
-      {"\xEF\xBB\xBF{}", R"('\ufeff{}')"},
       {std::int64_t{5}, "'5'"},
       {sqlite::Value(), "NULL"},
-      {sqlite::Blob{'{', '}'}, "'{}'"}};
-  for (const auto& [raw, rendered] : stamps) {
-    store(raw);
-    log_.clear();
-    EXPECT_EQ(db_.refresh_extractor_stamp({{"python", 1}, {"go", 1}}), 3) << rendered;
-    EXPECT_THAT(log_.texts(spdlog::level::warn),
-                ElementsAre("Extractor stamp "s + rendered +
-                            " has an unknown format; treating it as absent"));
-    EXPECT_EQ(stamp(), R"({"go": 1, "python": 1})");
-  }
-}
-
-TEST(ReprTest, ShowsTextAsADebugRepresentation) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"plain", "'plain'"},
+      {sqlite::Blob{'{', '}'}, "'{}'"},
       {"it's", R"("it's")"},
-      {"it's \"q\"", R"('it\'s "q"')"},
-      {"a\\b\n\r\t\x01\x7f", R"('a\\b\n\r\t\x01\x7f')"},
-      {"\x84\x80\x80\x80", R"('\x84\x80\x80\x80')"},
-      {"\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80", "'\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80'"},
+      {"it's \"q\" a\\b\n\r\t\x01\x7f\x84", R"('it\'s "q" a\\b\n\r\t\x01\x7f\x84')"},
+      {"\xEF\xBB\xBF\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80",
+       "'\\ufeff\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80'"},
       {"\xC2\x85\xC2\xA0\xC2\xAD\xE2\x80\x8F\xE2\x80\xA8\xEE\x80\x80",
        R"('\x85\xa0\xad\u200f\u2028\ue000')"},
       {"\xEF\xBF\xBB\xEF\xBF\xBC\xF3\xB0\x80\x80\xFF", "'\\ufffb\xEF\xBF\xBC\\U000f0000\\xff'"}};
-  for (const auto& [text, shown] : cases) EXPECT_EQ(detail::repr(text), shown) << shown;
-  EXPECT_EQ(detail::repr(std::nullopt), "NULL");
+  for (const auto& [raw, shown] : stamps) {
+    store(raw);
+    log_.clear();
+    EXPECT_EQ(refresh({{"python", 1}, {"go", 1}}), R"(3|3|{"go": 1, "python": 1})") << shown;
+    EXPECT_THAT(
+        log_.texts(spdlog::level::warn),
+        ElementsAre("Extractor stamp " + shown + " has an unknown format; treating it as absent"));
+  }
 }
 
 }  // namespace
