@@ -121,6 +121,9 @@ TEST_F(DatabaseIndexTest, SwapReplacesTheIndexWithTheStagingBuild) {
                   Pair("external_imports", 3), Pair("index_errors", 1), Pair("code_chunks", 6)));
   EXPECT_THAT(log.texts(spdlog::level::info),
               ElementsAre(HasSubstr("replaced live index from " + staging_.string())));
+  // Detached again, with foreign keys back on.
+  EXPECT_EQ(text_of("SELECT name FROM pragma_database_list") + text_of("PRAGMA foreign_keys"),
+            "main|\n1|\n");
   // The staging build's ids and chunk rowids, so the chunks still belong to their files.
   EXPECT_EQ(text_of("SELECT id, path FROM files ORDER BY id"),
             "100|new/dir15/new_100.py|\n101|new/dir16/new_101.py|\n102|new/dir0/new_102.py|\n");
