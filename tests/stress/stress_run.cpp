@@ -1,21 +1,17 @@
 // The service's processes on one index file at once, for QUILMA_STRESS_SECONDS (60 by default):
 // an indexer swapping in staging builds of QUILMA_STRESS_FILES files (200, in whole fifties), a
 // daemon committing small transactions into a table of its own, a server reading in loops, and
-// short quilma-db read commands. Each role is this executable started again with "--stress-role":
-// it reports its failures on its standard error, prints its count of operations (and its largest
-// transaction's bytes), and exits 0 when it did work and nothing failed. The driver samples the
-// log's size meanwhile, then checks the daemon's rows and the file.
+// short quilma-db read commands, while a monitor samples the log's size. Each role is a process
+// forked from the test: it reports its failures on its standard error, and exits 0 when it did
+// work and nothing failed. The test then checks the daemon's rows, the log's size and the file.
 #include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdlib>
-#include <deque>
 #include <filesystem>
-#include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -24,6 +20,8 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/child_process.h"
@@ -38,7 +36,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-using Rows = std::vector<sqlite::Row>;
 
 constexpr double BUSY_TIMEOUT_MS = 5000;  // a write that fails sooner gave up too early
 constexpr std::array ROLES{"indexer", "daemon", "server", "cli", "monitor"};
@@ -53,14 +50,13 @@ int files_per_build() { return std::max(1, env_int("QUILMA_STRESS_FILES", 200) /
 
 // Per index table, what gives the build of a row, and its rows per 50 files: build g holds the
 // files from g * {files per build} + 1 on, tagged g where a text carries it (fill_index()).
-constexpr std::array<std::tuple<std::string_view, std::string_view, int>, 7> TABLES{
-    {{"components", "(id - 1) / {}", 1},
-     {"files", "(id - 1) / {}", 50},
-     {"symbols", "(file_id - 1) / {}", 200},
-     {"edges", "(source_id / 4 - 1) / {}", 150},
-     {"external_imports", "(file_id - 1) / {}", 50},
-     {"index_errors", "CAST(message AS INTEGER)", 5},
-     {"code_chunks", "(rowid / 1048576 - 1) / {}", 100}}};
+// clang-format off
+constexpr std::array<std::tuple<std::string_view, std::string_view, int>, 7> TABLES{{
+    {"components", "(id - 1) / {}", 1}, {"files", "(id - 1) / {}", 50},
+    {"symbols", "(file_id - 1) / {}", 200}, {"edges", "(source_id / 4 - 1) / {}", 150},
+    {"external_imports", "(file_id - 1) / {}", 50}, {"index_errors", "CAST(message AS INTEGER)", 5},
+    {"code_chunks", "(rowid / 1048576 - 1) / {}", 100}}};
+// clang-format on
 static_assert(core_schema::CHUNKS_PER_FILE == 1048576);
 
 // The generation, then the build each index table holds whole (-1 for none): a snapshot.
@@ -128,9 +124,10 @@ struct Role {
   Role(fs::path dir, int seconds)
       : dir(std::move(dir)), end(Clock::now() + std::chrono::seconds(seconds)) {}
 
-  // Prints its count of operations and its largest size; exit status 0 when it did work and
-  // nothing failed but writes that waited out the busy timeout.
-  int run(const std::string& name) {
+  // Its count of operations and largest size go to `result`; exit status 0 when it did work and
+  // nothing failed but writes that waited out the busy timeout. A role that hangs is ended.
+  int run(const std::string& name, std::int64_t* result) {
+    ::alarm(std::chrono::duration_cast<std::chrono::seconds>(end - Clock::now()).count() + 180);
     for (int step = 0; Clock::now() < end; ++step) {
       const bool opens = (step == 0 && name != "cli" && name != "monitor") ||
                          (name == "server" && step % 200 == 0);
@@ -143,7 +140,8 @@ struct Role {
     }
     fmt::print(stderr, "{:<8} {:>8} ops, largest {:.2f} MiB, failures {}\n", name, tally.ops,
                tally.largest / 1048576.0, tally.failures);
-    std::cout << tally.ops << " " << tally.largest << std::endl;
+    result[0] = tally.ops;
+    result[1] = tally.largest;
     tally.failures.erase("write");
     return tally.ops > 0 && tally.failures.empty() ? 0 : 1;
   }
@@ -183,30 +181,30 @@ struct Role {
   // whole build: the generation's in one snapshot, and never an older one in the next.
   void server() {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    const auto check = [&](bool one_snapshot, const auto& fetch) {
+    for (const int way : {0, 1, 2}) {
       std::vector<std::int64_t> builds;
+      const auto add = [&](const std::optional<sqlite::Row>& row) {
+        for (const sqlite::Value& value : row.value().values()) builds.push_back(value.as_int());
+        return 0;
+      };
       if (!tally.timed("read", [&] {
-            for (const sqlite::Row& row : fetch()) builds.push_back(row[0].as_int());
+            if (way == 0) add(db->fetchone(fmt::format("SELECT ({})", fmt::join(queries, "), ("))));
+            for (const std::string& sql : queries) {
+              if (way == 1) add(db->fetchone(sql));
+            }
+            if (way == 2)
+              db->read([&](sqlite::Cursor& cursor) {
+                for (const std::string& sql : queries) add(cursor.execute(sql).fetchone());
+                return 0;
+              });
           })) {
-        return;
+        continue;
       }
       if (builds.size() != queries.size() || std::ranges::min(builds) < 1 ||
-          (one_snapshot ? std::ranges::count(builds, builds[0]) != std::ssize(builds)
-                        : !std::ranges::is_sorted(builds))) {
-        tally.fail("torn", fmt::format("generation and builds {}", builds));
-      }
-    };
-    const auto each = [&](sqlite::Cursor* cursor) {
-      Rows rows;
-      for (const std::string& query : queries) {
-        rows.push_back(cursor != nullptr ? cursor->execute(query).fetchone().value()
-                                         : db->fetchone(query).value());
-      }
-      return rows;
-    };
-    check(true, [&] { return db->fetchall(fmt::format("{}", fmt::join(queries, " UNION ALL "))); });
-    check(false, [&] { return each(nullptr); });
-    check(true, [&] { return db->read([&](sqlite::Cursor& cursor) { return each(&cursor); }); });
+          (way == 1 ? !std::ranges::is_sorted(builds)
+                    : std::ranges::count(builds, builds[0]) != std::ssize(builds)))
+        tally.fail("torn", fmt::format("way {}: generation and builds {}", way, builds));
+    }
     ++tally.ops;
   }
 
@@ -261,35 +259,31 @@ TEST(StressRun, ServiceProcessesShareOneIndexFile) {
     build_and_swap(live, dir.path(), seed);
     ASSERT_EQ(seed.ops, 1);
   }
-  std::deque<testing::ChildProcess> roles;
-  for (const char* role : ROLES) {
-    roles.emplace_back(std::vector<std::string>{fs::read_symlink("/proc/self/exe"), "--stress-role",
-                                                role, dir.path(), std::to_string(seconds)});
-  }
-  std::array<std::int64_t, ROLES.size()> ops{}, largest{};
+  // Each role's count of operations and largest size, as its process leaves them.
+  auto* results = static_cast<std::int64_t*>(
+      ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  std::array<pid_t, ROLES.size()> pids{};
   for (std::size_t i = 0; i < ROLES.size(); ++i) {
-    std::istringstream(roles[i].read_line().value_or("")) >> ops[i] >> largest[i];
-    EXPECT_EQ(roles[i].wait(), 0) << ROLES[i] << " did nothing, failed (see above) or crashed";
+    if ((pids[i] = ::fork()) == 0)
+      std::_Exit(Role(dir.path(), seconds).run(ROLES[i], results + 2 * i));
+    ASSERT_GT(pids[i], 0);
+  }
+  for (std::size_t i = 0; i < ROLES.size(); ++i) {
+    int status = -1;
+    ::waitpid(pids[i], &status, 0);
+    EXPECT_EQ(status, 0) << ROLES[i] << " did nothing, failed (see above) or crashed";
   }
   Database db(dir / "index.db");
   testing::open_fully(db);
   EXPECT_TRUE(db.check_integrity());
   // Every commit the daemon counted is there: its rows are exactly 1 up to that count.
-  EXPECT_EQ(testing::number(db, "SELECT COUNT(*) FROM memories"), ops[1]);
-  EXPECT_EQ(testing::number(db, "SELECT COALESCE(MAX(seq), 0) FROM memories"), ops[1]);
+  EXPECT_EQ(testing::number(db, "SELECT COUNT(*) FROM memories"), results[2]);
+  EXPECT_EQ(testing::number(db, "SELECT COALESCE(MAX(seq), 0) FROM memories"), results[2]);
   // Between the checkpoints that empty it, the log holds at most the largest transaction and
   // what small ones add before SQLite's automatic checkpoint (1000 pages) starts it over.
-  EXPECT_LE(largest[4], largest[0] + 1000 * static_cast<std::int64_t>(storage_size::PAGE_SIZE));
+  EXPECT_LE(results[9], results[1] + 1000 * static_cast<std::int64_t>(storage_size::PAGE_SIZE));
+  ::munmap(results, 4096);
 }
 
 }  // namespace
 }  // namespace quilma::storage
-
-int main(int argc, char** argv) {
-  if (argc == 5 && std::string_view(argv[1]) == "--stress-role") {
-    ::alarm(std::atoi(argv[4]) + 180);  // a role that hangs is ended, and so fails
-    return quilma::storage::Role(argv[3], std::atoi(argv[4])).run(argv[2]);
-  }
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}
