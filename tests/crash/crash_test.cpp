@@ -169,6 +169,8 @@ const std::vector<Operation> OPERATIONS{
 };
 // clang-format on
 
+void PrintTo(const Operation& op, std::ostream* out) { *out << op.name; }
+
 class CrashTest : public ::testing::TestWithParam<Operation> {
   const fs::path home_ = fs::current_path();
   void TearDown() override { fs::current_path(home_); }
