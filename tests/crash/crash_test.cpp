@@ -12,7 +12,6 @@
 #include <random>
 #include <thread>
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
@@ -52,8 +51,8 @@ struct Operation {
 // its exit status (128 plus the signal that ended it), and how long it ran from that beginning.
 std::pair<int, Clock::duration> run(const Operation& op,
                                     std::optional<Clock::duration> kill_after = {}) {
-  int began[2];  // the child closes its end when the operation begins (an exec closes it too)
-  if (::pipe2(began, O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category());
+  int began[2];  // the child closes its end when the operation begins
+  if (::pipe(began) != 0) throw std::system_error(errno, std::generic_category());
   const pid_t pid = ::fork();
   if (pid < 0) throw std::system_error(errno, std::generic_category());
   if (pid == 0) {

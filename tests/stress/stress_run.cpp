@@ -48,8 +48,8 @@ int env_int(const char* name, int fallback) {
 // Whole fifties: every table then holds a fixed number of rows per build.
 int files_per_build() { return std::max(1, env_int("QUILMA_STRESS_FILES", 200) / 50) * 50; }
 
-// Per index table, what gives the build of a row, and its rows per 50 files: build g holds the
-// files from g * {files per build} + 1 on, tagged g where a text carries it (fill_index()).
+// Per index table, what gives the build of a row (see Role::indexer(); g where a text carries
+// it), and its rows per 50 files, as testing::fill_index() writes them.
 // clang-format off
 constexpr std::array<std::tuple<std::string_view, std::string_view, int>, 7> TABLES{{
     {"components", "(id - 1) / {}", 1}, {"files", "(id - 1) / {}", 50},
@@ -59,32 +59,48 @@ constexpr std::array<std::tuple<std::string_view, std::string_view, int>, 7> TAB
 // clang-format on
 static_assert(core_schema::CHUNKS_PER_FILE == 1048576);
 
-// The generation, then the build each index table holds whole (-1 for none): a snapshot.
-std::vector<std::string> snapshot_queries() {
-  std::vector<std::string> queries{"SELECT user_version FROM pragma_user_version"};
-  for (const auto& [table, build_of, per_50_files] : TABLES) {
-    const std::string build = fmt::format(fmt::runtime(build_of), files_per_build());
-    queries.push_back(
-        fmt::format("SELECT CASE WHEN COUNT(*) = {0} AND MIN({1}) = MAX({1}) THEN MIN({1}) ELSE -1 "
-                    "END FROM {2}",
-                    per_50_files * files_per_build() / 50, build, table));
+// A role, repeating its step until its time is up: what it did, and its failures by kind (the
+// first few of each are reported). The indexer, the daemon and the server keep the file open
+// (the server opens it anew every 200 steps).
+struct Role {
+  Role(fs::path dir, int seconds)
+      : dir(std::move(dir)), end(Clock::now() + std::chrono::seconds(seconds)) {
+    queries.emplace_back("SELECT user_version FROM pragma_user_version");
+    for (const auto& [table, build_of, per_50_files] : TABLES) {  // the build it holds whole
+      const std::string build = fmt::format(fmt::runtime(build_of), files);
+      queries.push_back(
+          fmt::format("SELECT CASE WHEN COUNT(*) = {0} AND MIN({1}) = MAX({1}) THEN MIN({1}) ELSE "
+                      "-1 END FROM {2}",
+                      per_50_files * files / 50, build, table));
+    }
   }
-  return queries;
-}
 
-// What one role did, and its failures by kind; the first few of each are reported.
-struct Tally {
-  int ops = 0;
-  std::int64_t largest = 0;  // the indexer's transaction, the daemon's log excess: bytes
-  std::map<std::string, int> failures;
+  // Its count of operations and largest size go to `result`; exit status 0 when it did work and
+  // nothing failed but writes that waited out the busy timeout. A role that hangs is ended.
+  int run(const std::string& name, std::int64_t* result) {
+    ::alarm(std::chrono::duration_cast<std::chrono::seconds>(end - Clock::now()).count() + 180);
+    for (int step = 0; Clock::now() < end; ++step) {
+      const bool opens = name == "server" ? step % 200 == 0 : step == 0 && name != "cli";
+      if (opens && !open()) break;
+      if (name == "indexer") indexer();
+      if (name == "daemon") daemon();
+      if (name == "server") server();
+      if (name == "cli") cli(step);
+    }
+    fmt::print(stderr, "{:<8} {:>8} ops, largest {:.2f} MiB, failures {}\n", name, ops,
+               largest / 1048576.0, failures);
+    result[0] = ops;
+    result[1] = largest;
+    failures.erase("write");
+    return ops > 0 && failures.empty() ? 0 : 1;
+  }
 
   void fail(const std::string& kind, const std::string& text) {
     if (++failures[kind] <= 3) fmt::print(stderr, "{}: {}\n", kind, text);
   }
   // Runs `body`; a failure counts as `kind`, or as "early write" when a write gave up before
   // the busy timeout ran out.
-  template <class Body>
-  bool timed(const std::string& kind, Body&& body) {
+  bool timed(const std::string& kind, const auto& body) {
     const Clock::time_point began = Clock::now();
     try {
       body();
@@ -96,61 +112,34 @@ struct Tally {
       return false;
     }
   }
-};
-
-// Builds the next index in a staging file beside the live one and swaps it in.
-void build_and_swap(Database& live, const fs::path& dir, Tally& tally) {
-  const fs::path staging = dir / "staging" / "index.db";
-  fs::remove_all(staging.parent_path());
-  fs::create_directory(staging.parent_path());
-  const int files = files_per_build();
-  std::int64_t next = 0;
-  if (tally.timed("read", [&] { next = live.index_generation() + 1; }) && tally.timed("build", [&] {
-        Database build(staging);
-        testing::open_fully(build);
-        build.transaction([&](sqlite::Cursor& cursor) {
-          testing::fill_index(cursor, std::to_string(next), next * files + 1, files);
-        });
-      })) {
-    tally.largest = std::max(tally.largest, static_cast<std::int64_t>(fs::file_size(staging)));
-    if (tally.timed("write", [&] { live.swap_index_from(staging); })) ++tally.ops;
-  }
-}
-
-// A role: this executable started again with "--stress-role", repeating its step until its time
-// is up. The indexer, the daemon and the server keep the file open (the server opens it anew
-// every 200 steps).
-struct Role {
-  Role(fs::path dir, int seconds)
-      : dir(std::move(dir)), end(Clock::now() + std::chrono::seconds(seconds)) {}
-
-  // Its count of operations and largest size go to `result`; exit status 0 when it did work and
-  // nothing failed but writes that waited out the busy timeout. A role that hangs is ended.
-  int run(const std::string& name, std::int64_t* result) {
-    ::alarm(std::chrono::duration_cast<std::chrono::seconds>(end - Clock::now()).count() + 180);
-    for (int step = 0; Clock::now() < end; ++step) {
-      const bool opens = name == "server" ? step % 200 == 0 : step == 0 && name != "cli";
-      if (opens && !open()) break;
-      if (name == "indexer") build_and_swap(*db, dir, tally);
-      if (name == "daemon") daemon();
-      if (name == "server") server();
-      if (name == "cli") cli(step);
-    }
-    fmt::print(stderr, "{:<8} {:>8} ops, largest {:.2f} MiB, failures {}\n", name, tally.ops,
-               tally.largest / 1048576.0, tally.failures);
-    result[0] = tally.ops;
-    result[1] = tally.largest;
-    tally.failures.erase("write");
-    return tally.ops > 0 && tally.failures.empty() ? 0 : 1;
-  }
 
   // Opens the file (again) until that works; false when the time ran out first.
   bool open() {
     db.emplace(dir / "index.db");
     while (Clock::now() < end) {
-      if (tally.timed("open", [&] { testing::open_fully(*db); })) return true;
+      if (timed("open", [&] { testing::open_fully(*db); })) return true;
     }
     return false;
+  }
+
+  // Builds the next index in a staging file beside the live one and swaps it in: build g holds
+  // the files from g * files + 1 on.
+  void indexer() {
+    const fs::path staging = dir / "staging" / "index.db";
+    fs::remove_all(staging.parent_path());
+    fs::create_directory(staging.parent_path());
+    std::int64_t next = 0;
+    if (!timed("read", [&] { next = db->index_generation() + 1; }) || !timed("build", [&] {
+          Database build(staging);
+          testing::open_fully(build);
+          build.transaction([&](sqlite::Cursor& cursor) {
+            testing::fill_index(cursor, std::to_string(next), next * files + 1, files);
+          });
+        })) {
+      return;
+    }
+    largest = std::max(largest, static_cast<std::int64_t>(fs::file_size(staging)));
+    if (timed("write", [&] { db->swap_index_from(staging); })) ++ops;
   }
 
   // Small transactions into a table that swaps leave alone; every other one reads first and
@@ -160,23 +149,25 @@ struct Role {
     std::error_code no_wal, no_db;
     const auto wal = static_cast<std::int64_t>(fs::file_size(dir / "index.db-wal", no_wal));
     const auto file = static_cast<std::int64_t>(fs::file_size(dir / "index.db", no_db));
-    if (!no_wal && !no_db) tally.largest = std::max(tally.largest, wal - file);
-    const std::int64_t seq = tally.ops + 1;
-    std::int64_t seen = seq - 1;
-    if (!tally.timed("write", [&] {
-          db->transaction([&](sqlite::Cursor& cursor) {
-            cursor.execute("CREATE TABLE IF NOT EXISTS memories (seq INTEGER PRIMARY KEY, note)");
-            if (seq % 2 == 0) {
-              seen = (*cursor.execute("SELECT COUNT(*) FROM memories").fetchone())[0].as_int();
-              cursor.execute("UPDATE memories SET note = note || '.' WHERE seq = ?", {seq - 1});
-            }
-            cursor.execute("INSERT INTO memories (seq, note) VALUES (?, 'memory')", {seq});
-          });
-        })) {
-      return;
+    if (!no_wal && !no_db) largest = std::max(largest, wal - file);
+    const std::int64_t seq = ops + 1;
+    std::int64_t seen = ops;
+    if (timed(
+            "write",
+            [&] {
+              db->transaction([&](sqlite::Cursor& cursor) {
+                cursor.execute(
+                    "CREATE TABLE IF NOT EXISTS memories (seq INTEGER PRIMARY KEY, note)");
+                if (seq % 2 == 0) {
+                  seen = (*cursor.execute("SELECT COUNT(*) FROM memories").fetchone())[0].as_int();
+                  cursor.execute("UPDATE memories SET note = note || '.' WHERE seq = ?", {seq - 1});
+                }
+                cursor.execute("INSERT INTO memories (seq, note) VALUES (?, 'memory')", {seq});
+              });
+            }) &&
+        ++ops != seen + 1) {
+      fail("lost", fmt::format("{} rows before commit {}", seen, seq));
     }
-    if (++tally.ops != seen + 1)
-      tally.fail("lost", fmt::format("{} rows before commit {}", seen, seq));
   }
 
   // Reads three ways: one statement, one at a time, one read transaction. Every table holds one
@@ -189,25 +180,25 @@ struct Role {
         for (const sqlite::Value& value : row.value().values()) builds.push_back(value.as_int());
         return 0;
       };
-      if (!tally.timed("read", [&] {
-            if (way == 0) add(db->fetchone(fmt::format("SELECT ({})", fmt::join(queries, "), ("))));
-            for (const std::string& sql : queries) {
-              if (way == 1) add(db->fetchone(sql));
-            }
-            if (way == 2)
-              db->read([&](sqlite::Cursor& cursor) {
-                for (const std::string& sql : queries) add(cursor.execute(sql).fetchone());
-                return 0;
-              });
-          })) {
-        continue;
+      const bool read = timed("read", [&] {
+        if (way == 0) add(db->fetchone(fmt::format("SELECT ({})", fmt::join(queries, "), ("))));
+        for (const std::string& sql : queries) {
+          if (way == 1) add(db->fetchone(sql));
+        }
+        if (way == 2) {
+          db->read([&](sqlite::Cursor& cursor) {
+            for (const std::string& sql : queries) add(cursor.execute(sql).fetchone());
+            return 0;
+          });
+        }
+      });
+      if (read && (builds.size() != queries.size() || std::ranges::min(builds) < 1 ||
+                   (way == 1 ? !std::ranges::is_sorted(builds)
+                             : std::ranges::count(builds, builds[0]) != std::ssize(builds)))) {
+        fail("torn", fmt::format("way {}: generation and builds {}", way, builds));
       }
-      if (builds.size() != queries.size() || std::ranges::min(builds) < 1 ||
-          (way == 1 ? !std::ranges::is_sorted(builds)
-                    : std::ranges::count(builds, builds[0]) != std::ssize(builds)))
-        tally.fail("torn", fmt::format("way {}: generation and builds {}", way, builds));
     }
-    ++tally.ops;
+    ++ops;
   }
 
   // quilma-db read commands in turn; each must exit 0 and print a whole index.
@@ -220,24 +211,26 @@ struct Role {
     std::string printed;
     while (const std::optional<std::string> line = child.read_line()) printed += *line + "\n";
     if (const int status = child.wait(); status != 0)
-      return tally.fail("command", fmt::format("{} exit {}", command, status));
-    ++tally.ops;
+      return fail("command", fmt::format("{} exit {}", command, status));
+    ++ops;
     const auto out = nlohmann::json::parse(printed, nullptr, false);  // but search's: by lines
-    const bool whole = command == "stats"        ? out.value("files", -1) == files_per_build()
+    const bool whole = command == "stats"        ? out.value("files", -1) == files
                        : command == "generation" ? out.value("generation", 0) >= last_generation
-                       : command == "search"
-                           ? std::ranges::count(printed, '\n') == files_per_build() &&
-                                 printed.starts_with(R"({"path":)")
-                           : out.is_array() && out.size() == files_per_build() / 10u;
+                       : command == "search"     ? std::ranges::count(printed, '\n') == files &&
+                                                   printed.starts_with(R"({"path":)")
+                                             : out.is_array() && out.size() == files / 10u;
     if (command == "generation") last_generation = out.value("generation", 0);
-    if (!whole) tally.fail("torn", command + " printed " + printed.substr(0, 200));
+    if (!whole) fail("torn", command + " printed " + printed.substr(0, 200));
   }
 
   const fs::path dir;
   const Clock::time_point end;
-  Tally tally;
+  const int files = files_per_build();
+  std::vector<std::string> queries;  // the generation, then each index table's build, or -1
   std::optional<Database> db;
-  const std::vector<std::string> queries = snapshot_queries();
+  int ops = 0;
+  std::int64_t largest = 0;  // the indexer's transaction, the daemon's log excess: bytes
+  std::map<std::string, int> failures;
   std::int64_t last_generation = 0;
 };
 
@@ -245,10 +238,9 @@ TEST(StressRun, ServiceProcessesShareOneIndexFile) {
   const int seconds = env_int("QUILMA_STRESS_SECONDS", 60);
   const testing::TempDir dir;
   {
-    Database live(dir / "index.db");
-    testing::open_fully(live);
-    Tally seed;
-    build_and_swap(live, dir.path(), seed);
+    Role seed(dir.path(), seconds);
+    ASSERT_TRUE(seed.open());
+    seed.indexer();
     ASSERT_EQ(seed.ops, 1);
   }
   // Each role's count of operations and largest size, as its process leaves them.
