@@ -128,8 +128,8 @@ void build(const fs::path& path, const std::string& tag, const Operation& op) {
   db.execute("DELETE FROM padding");
 }
 
-// A repository of Python files in "../repo"; the next version drops some, adds others and changes a
-// third.
+// A repository of Python files in "../repo"; the next version drops some, adds others and
+// changes a third.
 void write_repo(int version) {
   fs::remove_all("../repo");
   for (int f = version * 100; f < 1000 + version * 100; ++f) {
@@ -170,15 +170,13 @@ const std::vector<Operation> OPERATIONS{
 
 void PrintTo(const Operation& op, std::ostream* out) { *out << op.name; }
 
-class CrashTest : public ::testing::TestWithParam<Operation> {
-  const fs::path home_ = fs::current_path();
-  void TearDown() override { fs::current_path(home_); }
-};
+class CrashTest : public ::testing::TestWithParam<Operation> {};
 
 TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
   const Operation& op = GetParam();
   const testing::TempDir dir;
-  // The template's directory, and then each run's, a fresh copy of it, is the working directory.
+  // The template's directory, and then each run's, a fresh copy of it, is the working directory
+  // (the process stays in the removed directory until the next test moves on).
   fs::current_path(dir.path());
   fs::create_directory("template");
   fs::current_path("template");
