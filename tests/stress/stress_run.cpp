@@ -88,7 +88,7 @@ struct Role {
       if (name == "cli") cli(step);
     }
     fmt::print(stderr, "{:<8} {:>8} ops, largest {:.2f} MiB, failures {}\n", name, ops,
-               largest / 1048576.0, failures);
+               static_cast<double>(largest) / 1048576.0, failures);
     result[0] = ops;
     result[1] = largest;
     failures.erase("write");
