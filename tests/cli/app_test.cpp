@@ -1,16 +1,15 @@
-// quilma-db end to end: a generated repository indexed, searched, re-indexed and maintained
-// through the same entry point as the executable.
+// quilma-db end to end, through the same entry point as the executable, and the parts under it:
+// which files a run reads, how one file is read and chunked.
 #include "quilma/cli/app.h"
 
-#include <algorithm>
 #include <atomic>
-#include <filesystem>
+#include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
+#include <random>
+#include <set>
 #include <sstream>
-#include <string>
-#include <vector>
+#include <utility>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -18,55 +17,41 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include "support/child_process.h"
 #include "support/fault_vfs.h"
 #include "support/temp_dir.h"
 
 #include "quilma/cli/indexer.h"
+#include "quilma/cli/source_file.h"
+#include "quilma/utils/utf8.h"
 
 namespace quilma::cli {
 namespace {
 
 namespace fs = std::filesystem;
 using nlohmann::json;
+using Args = std::vector<std::string>;
 
+// A run's exit status and standard error, as "STATUS ERR", and its standard output.
 struct Result {
-  int status;
+  std::string told;
   std::string out;
-  std::string err;
 };
 
-Result quilma_db(const std::vector<std::string>& args, const std::atomic<bool>* stop = nullptr) {
+Result quilma_db(const Args& args, const std::atomic<bool>* stop = nullptr) {
   std::ostringstream out;
   std::ostringstream err;
   std::vector<const char*> argv{"quilma-db"};
   for (const std::string& arg : args) argv.push_back(arg.c_str());
-  const Io io{out, err, false, false, stop};
-  const int status = run(static_cast<int>(argv.size()), argv.data(), io);
-  return {status, out.str(), err.str()};
+  const int code = run(static_cast<int>(argv.size()), argv.data(), {out, err, false, false, stop});
+  return {std::to_string(code) + " " + err.str(), out.str()};
 }
 
-std::string read_file(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-// Runs a program with its output in a pipe; its standard error goes to the test's.
-Result run_program(const std::vector<std::string>& args) {
-  testing::ChildProcess child(args);
-  child.close_input();
-  Result result{0, "", ""};
-  while (const std::optional<std::string> line = child.read_line()) result.out += *line + "\n";
-  result.status = child.wait();
-  return result;
-}
-
-// Output of one JSON object per line.
-std::vector<json> json_lines(const std::string& out) {
-  std::vector<json> objects;
-  std::istringstream in(out);
-  for (std::string line; std::getline(in, line);) objects.push_back(json::parse(line));
-  return objects;
+// What a shell command prints, after its wait status.
+std::string shell(const std::string& command) {
+  FILE* pipe = popen(command.c_str(), "r");
+  std::string out;
+  for (int c = 0; (c = std::fgetc(pipe)) != EOF;) out += static_cast<char>(c);
+  return std::to_string(pclose(pipe)) + " " + out;
 }
 
 void write(const fs::path& path, const std::string& content) {
@@ -74,7 +59,14 @@ void write(const fs::path& path, const std::string& content) {
   std::ofstream(path, std::ios::binary) << content;
 }
 
-// A Python file whose line `at` (from 1) holds `identifier`, and whose other lines do not.
+Args split(const std::string& text, char by = '\n') {
+  Args parts;
+  std::istringstream in(text);
+  for (std::string part; std::getline(in, part, by);) parts.push_back(part);
+  return parts;
+}
+
+// A Python file of 120 lines: `identifier` on line `at`, "value_N = N" on the others.
 std::string python_with(const std::string& identifier, int at) {
   std::string text;
   for (int line = 1; line <= 120; ++line) {
@@ -84,333 +76,290 @@ std::string python_with(const std::string& identifier, int at) {
   return text;
 }
 
+const std::string PLANTED = "src/planted.py:73: plantedIdentifier = compute(73)\n";
+
 class IndexedRepoTest : public ::testing::Test {
  protected:
   void SetUp() override {
     write(repo_ / "src/planted.py", python_with("plantedIdentifier", 73));
-    write(repo_ / "src/util/helpers.cpp", "int helper() { return 42; }\n");
+    write(repo_ / "src/util/helpers.cpp", "int helper() { return 42; }");  // no final newline
     write(repo_ / "docs/readme.md", "# Notes\n\nNothing planted here.\n");
     write(repo_ / "assets/logo.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16));
     write(repo_ / "legacy/latin1.txt", "first line\ncaf\xe9 au lait\n");
     // Left out by the walk: hidden directories, build output, the index's own directory.
-    write(repo_ / ".cache/hiddenIdentifier.py", "hiddenIdentifier = 1\n");
-    write(repo_ / "build/generated.cpp", "int generatedIdentifier;\n");
-    write(repo_ / "memory/notes.md", "memoryIdentifier\n");
-    const Result indexed = quilma_db({"index", "--quiet", repo_.string()});
-    ASSERT_EQ(indexed.status, 0) << indexed.err;
-    ASSERT_EQ(indexed.err, "");
+    for (const char* left_out : {".cache/left.py", "build/left.cpp", "memory/left.md"}) {
+      write(repo_ / left_out, "leftOut\n");
+    }
+    ASSERT_EQ(quilma_db({"index", "--quiet", repo_.string()}).told, "0 ");
   }
 
-  Result in_repo(std::vector<std::string> args, const std::atomic<bool>* stop = nullptr) {
+  Result in_repo(Args args, const std::atomic<bool>* stop = nullptr) {
     args.push_back(repo_.string());
     return quilma_db(args, stop);
   }
 
-  // The files beside the live database, which a finished run leaves without staging copies.
-  std::vector<std::string> database_dir() const {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(repo_ / "memory/codebase-index")) {
-      names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
+  // What each command prints when run in the repository.
+  void expect_outputs(const std::vector<std::pair<Args, std::string>>& cases) {
+    for (const auto& [args, out] : cases) EXPECT_EQ(in_repo(args).out, out) << args.back();
   }
+
+  // The files beside the live database, which a finished run leaves without staging copies.
+  std::string ls() const { return shell("ls " + index_.string()); }
 
   testing::TempDir dir_;
   fs::path repo_ = dir_ / "repo";
+  fs::path index_ = repo_ / "memory/codebase-index";
 };
 
-TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEdits) {
-  EXPECT_EQ(in_repo({"search", "plantedIdentifier"}).out,
-            "src/planted.py:73: plantedIdentifier = compute(73)\n");
-  for (const char* left_out : {"hiddenIdentifier", "generatedIdentifier", "memoryIdentifier"}) {
-    EXPECT_EQ(in_repo({"search", left_out}).out, "") << left_out;
-  }
-  EXPECT_EQ(in_repo({"generation"}).out, "1\n");
-  {  // Each file has its row and an anchor symbol that spans it.
-    storage::Database db(repo_ / "memory/codebase-index/index.db");
-    open_database(db);
-    EXPECT_EQ(db.fetchone("SELECT s.name || ' ' || s.line || '-' || s.end_line || ' ' || "
-                          "s.qualified_name || ' ' || f.language FROM symbols s JOIN files f "
-                          "ON f.id = s.file_id WHERE f.path = 'src/planted.py'")
-                  .value()[0]
-                  .as_text(),
-              "planted.py 1-120 src/planted.py python");
-    // Chunks hold the text as it is, but for the file whose stray byte was replaced.
-    EXPECT_EQ(db.fetchone("SELECT group_concat(DISTINCT files.path || ':' || exact) FROM "
-                          "code_chunks JOIN files ON files.id = code_chunks.rowid >> 20 WHERE "
-                          "path LIKE 'legacy/%' OR path LIKE 'docs/%'")
-                  .value()[0]
-                  .as_text(),
-              "docs/readme.md:1,legacy/latin1.txt:0");
-  }
-  // From inside the repository, the index above is found; it is kept out of commits.
-  EXPECT_EQ(quilma_db({"search", "plantedIdentifier", (repo_ / "src/util").string()}).out,
-            "src/planted.py:73: plantedIdentifier = compute(73)\n");
-  std::ifstream ignore(repo_ / "memory/codebase-index/.gitignore");
-  EXPECT_NE(std::string(std::istreambuf_iterator<char>(ignore), {}).find("\n*\n"),
-            std::string::npos);
+TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
+  const std::vector<std::pair<Args, std::string>> before = {
+      {{"search", "plantedIdentifier"}, PLANTED},
+      {{"search", "leftOut"}, ""},
+      // Reported as not UTF-8, and indexed all the same with the stray byte replaced.
+      {{"search", "lait"}, "legacy/latin1.txt:2: caf\xef\xbf\xbd au lait\n"},
+      {{"generation"}, "1\n"},
+      {{"search", "helper"}, "src/util/helpers.cpp:1: int helper() { return 42; }\n"},
+      {{"check"}, "ok\n"},
+      {{"compact"},
+       "nothing to compact: fewer than 2048 free pages, or under 10% of the file, is left for "
+       "later\n"}};
+  expect_outputs(before);
+  // From inside the repository, the index above is found.
+  EXPECT_EQ(quilma_db({"search", "plantedIdentifier", (repo_ / "src/util").string()}).out, PLANTED);
 
   write(repo_ / "src/planted.py", python_with("renamedIdentifier", 5));
-  const Result again = in_repo({"index", "--json"});
-  ASSERT_EQ(again.status, 0) << again.err;
-  const json report = json::parse(again.out);
-  EXPECT_EQ(report["files"], 4);
-  EXPECT_EQ(report["errors"], 2);
-  EXPECT_EQ(report["generation"], 2);
-  EXPECT_EQ(in_repo({"search", "plantedIdentifier"}).out, "");
-  EXPECT_EQ(in_repo({"search", "renamedIdentifier"}).out,
-            "src/planted.py:5: renamedIdentifier = compute(5)\n");
-  EXPECT_EQ(in_repo({"generation"}).out, "2\n");
-  EXPECT_EQ(database_dir(), (std::vector<std::string>{".gitignore", "index.db"}));
-}
-
-TEST_F(IndexedRepoTest, JsonOutputParses) {
-  const json errors = json::parse(in_repo({"errors", "--json"}).out);
-  ASSERT_EQ(errors.size(), 2U);
-  EXPECT_EQ(errors[0]["path"], "assets/logo.png");
-  EXPECT_EQ(errors[0]["type"], "binary");
-  EXPECT_EQ(errors[1]["path"], "legacy/latin1.txt");
-  EXPECT_EQ(errors[1]["type"], "not_utf8");
-  EXPECT_EQ(errors[1]["line"], 2);
-  // Reported, and indexed all the same with the stray byte replaced.
-  EXPECT_EQ(in_repo({"search", "lait"}).out, "legacy/latin1.txt:2: caf\xef\xbf\xbd au lait\n");
-
-  const json stats = json::parse(in_repo({"stats", "--json"}).out);
-  EXPECT_EQ(stats["files"], 4);
-  EXPECT_EQ(stats["symbols"], 0);  // only the files' anchors, which a user never sees
-  EXPECT_EQ(stats["errors"], 2);
-  EXPECT_EQ(stats["chunks"], 6);  // 120 lines in chunks of 50, and three short files
-  EXPECT_GT(stats["file_bytes"], 0);
-  EXPECT_TRUE(stats["last_index"].get<std::string>().ends_with("Z"));
-
-  EXPECT_EQ(json_lines(in_repo({"search", "--json", "compute OR helper"}).out).size(), 2U);
-  const std::vector<json> limited =
-      json_lines(in_repo({"search", "--json", "--limit", "1", "value_*"}).out);
-  ASSERT_EQ(limited.size(), 1U);
-  EXPECT_EQ(limited[0]["path"], "src/planted.py");
-  EXPECT_EQ(stats["free_pages"], 0);
-  EXPECT_GT(stats["pages"], 0);
-
-  EXPECT_EQ(json::parse(in_repo({"check", "--json"}).out)["ok"], true);
-  EXPECT_EQ(json::parse(in_repo({"compact", "--json"}).out)["pages_released"], 0);
-  EXPECT_EQ(json::parse(quilma_db({"stamp", "--json", "python=2", "--repo", repo_.string()}).out),
-            json({{"marked", 1}}));
-  EXPECT_EQ(json::parse(in_repo({"clear", "--json"}).out).contains("cleared"), true);
-  EXPECT_EQ(json::parse(in_repo({"stats", "--json"}).out)["files"], 0);
-}
-
-TEST_F(IndexedRepoTest, StoppedOrFailedRunLeavesPreviousIndex) {
-  write(repo_ / "src/planted.py", python_with("renamedIdentifier", 5));
-
+  write(repo_ / "caf\xe9.py", "latinName = 1\n");  // names that are not UTF-8
+  write(repo_ / "blob\xff.bin", std::string("\0\1\2", 3));
+  // A file is read up to the limit, and no further.
+  write(repo_ / "big/limit.txt", std::string(MAX_FILE_BYTES - 9, 'a') + " lastWord");
+  write(repo_ / "big/over.txt", std::string(MAX_FILE_BYTES + 1, 'a'));
+  // A run that is stopped, or fails, leaves the index as it was.
   const std::atomic<bool> stop{true};  // as the interrupt handler leaves it
-  const Result stopped = in_repo({"index", "--quiet"}, &stop);
-  EXPECT_EQ(stopped.status, EXIT_INTERRUPTED);
-  EXPECT_EQ(stopped.err, "quilma-db: index: interrupted; the index was left as it was\n");
-
+  EXPECT_EQ(in_repo({"index", "--quiet"}, &stop).told,
+            "130 quilma-db: index: interrupted; the index was left as it was\n");
   {
     testing::FaultVfs vfs;
     vfs.fail_writes_after(std::int64_t{64} * 1024);  // the staging build runs out of disk
-    const Result failed = in_repo({"index", "--quiet"});
-    EXPECT_EQ(failed.status, EXIT_FAILED);
-    EXPECT_EQ(failed.err, "quilma-db: index: database or disk is full\n");
-    EXPECT_GT(vfs.faults(), 0);
+    EXPECT_EQ(in_repo({"index", "--quiet"}).told, "1 quilma-db: index: database or disk is full\n");
   }
+  expect_outputs(before);
+  EXPECT_EQ(ls(), "0 index.db\n");
 
-  EXPECT_EQ(in_repo({"search", "plantedIdentifier"}).out,
-            "src/planted.py:73: plantedIdentifier = compute(73)\n");
-  EXPECT_EQ(in_repo({"search", "renamedIdentifier"}).out, "");
-  EXPECT_EQ(in_repo({"generation"}).out, "1\n");
-  EXPECT_EQ(database_dir(), (std::vector<std::string>{".gitignore", "index.db"}));
-}
-
-TEST_F(IndexedRepoTest, ARunRemovesTheStagingFilesOfRunsThatDidNotEnd) {
-  const fs::path dir = repo_ / "memory/codebase-index";
-  for (const char* name : {"index.db.staging-dead01", "index.db.staging-dead01-wal",
-                           "index.db.staging-dead02-wal", "index.db.staging-live01"}) {
-    write(dir / name, std::string(4096, 'x'));
-  }
-  // A run still going holds its staging file.
-  const int live = ::open((dir / "index.db.staging-live01").c_str(), O_RDONLY | O_CLOEXEC);
+  // Staging files of runs that did not end are removed; one that a run still holds is not.
+  for (const std::string name : {"dead01", "dead01-wal", "live01"})
+    write(index_ / ("index.db.staging-" + name), "x");
+  const int live = ::open((index_ / "index.db.staging-live01").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::flock(live, LOCK_EX), 0);
-  const Result indexed = in_repo({"index"});
+  const Result indexed = in_repo({"index", "--json"});
   ::close(live);
-  ASSERT_EQ(indexed.status, 0) << indexed.err;
-  EXPECT_NE(indexed.err.find("indexing: 5/5 files, "), std::string::npos) << indexed.err;
-  EXPECT_NE(indexed.err.find("removed " + (dir / "index.db.staging-dead01").string() +
-                             " (0.0 MiB), left by an indexing run that did not end"),
-            std::string::npos)
-      << indexed.err;
-  EXPECT_EQ(database_dir(),
-            (std::vector<std::string>{".gitignore", "index.db", "index.db.staging-live01"}));
-}
-
-TEST_F(IndexedRepoTest, NamesThatAreNotUtf8AndTheTextOfPlainAnswers) {
-  write(repo_ / "caf\xe9.py", "latinName = 1\n");
-  write(repo_ / "blob\xff.bin", std::string("\0\1\2", 3));
-  ASSERT_EQ(in_repo({"index", "-q"}).status, 0);
-  EXPECT_EQ(in_repo({"search", "latinName"}).out, "caf\\xe9.py:1: latinName = 1\n");
+  EXPECT_NE(indexed.told.find("\nindexing: 9/9 files, "), std::string::npos) << indexed.told;
+  EXPECT_NE(indexed.told.find("removed " + index_.string() +
+                              "/index.db.staging-dead01 (0.0 MiB), left by an indexing run that"),
+            std::string::npos);
+  EXPECT_EQ(ls(), "0 index.db\nindex.db.staging-live01\n");
+  const json report = json::parse(indexed.out);
+  EXPECT_EQ(json({report["files"], report["errors"], report["generation"]}), json({6, 4, 2}));
+  expect_outputs(
+      {{{"search", "plantedIdentifier"}, ""},
+       {{"search", "renamedIdentifier"}, "src/planted.py:5: renamedIdentifier = compute(5)\n"},
+       {{"search", "latinName"}, "caf\\xe9.py:1: latinName = 1\n"},
+       {{"generation"}, "2\n"},
+       {{"errors"},
+        "assets/logo.png: binary: a NUL byte at offset 8\n"
+        "big/over.txt: too_large: 1.0 MiB, over the limit of 1 MiB\n"
+        "blob\\xff.bin: binary: a NUL byte at offset 0\n"
+        "legacy/latin1.txt:2: not_utf8: not UTF-8 at offset 14\n"}});
+  EXPECT_TRUE(in_repo({"search", "lastWord"}).out.ends_with("aaa lastWord\n"));
   EXPECT_EQ(json::parse(in_repo({"search", "--json", "latinName"}).out)["path"],
             "caf\xef\xbf\xbd.py");  // U+FFFD
-  const json errors = json::parse(in_repo({"errors", "--json"}).out);
-  EXPECT_EQ(errors[1]["path"], "blob\xef\xbf\xbd.bin");
-  EXPECT_NE(in_repo({"errors"}).out.find("blob\\xff.bin: binary"), std::string::npos);
+}
 
-  EXPECT_EQ(in_repo({"check"}).out, "ok\n");
-  EXPECT_EQ(in_repo({"compact"}).out,
-            "nothing to compact: fewer than 2048 free pages, or under 10% of the file, is left "
-            "for later\n");
+TEST_F(IndexedRepoTest, JsonAndPlainAnswersAndCheckNamesWhatIsDamaged) {
+  const json stats = json::parse(in_repo({"stats", "--json"}).out);
+  // Symbols: only the files' anchors, which a user never sees. Chunks: 120 lines in chunks of
+  // 50, and three short files.
+  EXPECT_EQ(json({stats["files"], stats["symbols"], stats["errors"], stats["chunks"]}),
+            json({4, 0, 2, 6}));
+  EXPECT_TRUE(stats["last_index"].get<std::string>().ends_with("Z"));
+
+  // Each file has an anchor symbol that spans it; chunks say whether they hold the text as is.
+  const fs::path file = index_ / "index.db";
+  storage::Database db(file);
+  open_database(db);
+  const auto first = [&db](const char* sql) { return db.fetchone(sql).value()[0]; };
+  EXPECT_EQ(first("SELECT group_concat(s.name || ' ' || s.line || '-' || s.end_line || ' ' "
+                  "|| ifnull(f.language, '-') || ' ' || (SELECT group_concat(DISTINCT "
+                  "exact) FROM code_chunks WHERE rowid >> 20 = f.id), ', ') FROM symbols s "
+                  "JOIN files f ON f.id = s.file_id AND s.qualified_name = f.path")
+                .as_text(),
+            "readme.md 1-3 markdown 1, latin1.txt 1-2 - 0, planted.py 1-120 python 1, "
+            "helpers.cpp 1-1 cpp 1");
+  const auto root = first("SELECT rootpage FROM sqlite_schema WHERE name = 'files'").as_int();
+  // Cell pointers out of range on the table's root page.
+  std::fstream damaged(file, std::ios::in | std::ios::out);
+  damaged.seekp((root - 1) * 8192 + 8).write("\0\5\0\7", 4);
+  damaged.close();
+  const Result check = in_repo({"check"});
+  EXPECT_NE(check.out.find("Offset 5 out of range"), std::string::npos) << check.out;
+  const json problems = json::parse(in_repo({"check", "--json"}).out)["problems"];
+  EXPECT_EQ(check.told, "1 quilma-db: check: integrity check failed: " + file.string() + " (" +
+                            std::to_string(problems.size()) + " problems)\n");
 }
 
 TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
   write(repo_ / "src/more.py",
         "planted_identifier = 1\nPlantedIdentifier()\n# plantedIdentifier\n");
-  ASSERT_EQ(in_repo({"index", "-q"}).status, 0);
-  // Case and whole identifiers, and the files that hold them.
-  EXPECT_EQ(in_repo({"search", "-w", "-s", "--sort", "path", "plantedIdentifier"}).out,
-            "src/more.py:3: # plantedIdentifier\nsrc/planted.py:73: plantedIdentifier = "
-            "compute(73)\n");
-  EXPECT_EQ(in_repo({"search", "-w", "-l", "--sort", "path", "PLANTEDIDENTIFIER"}).out,
-            "src/more.py\nsrc/planted.py\n");
-  EXPECT_EQ(in_repo({"search", "-c", "--path", "*.py", "--sort", "path", "value_1*"}).out,
-            "src/planted.py:32\n");
-  EXPECT_EQ(json_lines(in_repo({"search", "-c", "--json", "--sort", "path", "planted"}).out),
-            (std::vector<json>{{{"path", "docs/readme.md"}, {"count", 1}},
-                               {{"path", "src/more.py"}, {"count", 1}}}));
-  EXPECT_EQ(in_repo({"search", "--path", "docs/**", "plantedIdentifier"}).out, "");
-
+  std::string words =
+      "alpha beta\ngamma delta\nresend sand\nsend_file\nSEND\nsendfile\n\xc3\xa9send\nto send.\n";
+  for (int i = 0; i < 300; ++i) words += i == 100 ? "needle " : "\xc3\xa9 ";  // a long line
+  write(repo_ / "words.txt", words);
+  ASSERT_EQ(in_repo({"index", "-q"}).told, "0 ");
+  expect_outputs(
+      {{{"search", "-w", "-s", "--sort", "path", "plantedIdentifier"},
+        "src/more.py:3: # plantedIdentifier\n" + PLANTED},
+       {{"search", "-l", "--sort", "path", "planted"}, "docs/readme.md\nsrc/more.py\n"},
+       // A glob without '/' matches in any directory.
+       {{"search", "-c", "--path", "*.py", "--sort", "path", "value_1*"}, "src/planted.py:32\n"},
+       // Without -w a literal text starts and ends where the index's words do: '_' and '.' end a
+       // word, 'é' does not; a text that ends in punctuation may run on.
+       {{"search", "-s", "send"}, "words.txt:4: send_file\nwords.txt:8: to send.\n"},
+       {{"search", "-w", "send"},
+        "words.txt:5: SEND\nwords.txt:7: \xc3\xa9send\nwords.txt:8: to send.\n"},
+       // Every line of a match that spans lines.
+       {{"search", "\"beta gamma\""}, "words.txt:1: alpha beta\nwords.txt:2: gamma delta\n"},
+       // Context crosses chunks and stops at the file's end; groups that meet print once.
+       {{"search", "-C", "1", "--sort", "path", "value_10 OR value_12 OR value_51 OR value_120"},
+        "src/planted.py-9- value_9 = 9\nsrc/planted.py:10: value_10 = 10\n"
+        "src/planted.py-11- value_11 = 11\nsrc/planted.py:12: value_12 = 12\n"
+        "src/planted.py-13- value_13 = 13\n--\nsrc/planted.py-50- value_50 = 50\n"
+        "src/planted.py:51: value_51 = 51\nsrc/planted.py-52- value_52 = 52\n--\n"
+        "src/planted.py-119- value_119 = 119\nsrc/planted.py:120: value_120 = 120\n"},
+       {{"search", "-c", "--json", "--sort", "path", "planted"},
+        "{\"path\":\"docs/readme.md\",\"count\":1}\n{\"path\":\"src/more.py\",\"count\":1}\n"}});
+  // A long line is cut around the match, with no half character at either end.
+  const std::string cut = in_repo({"search", "needle"}).out;
+  EXPECT_TRUE(cut.size() < 260 && cut.find("needle") != std::string::npos) << cut;
+  EXPECT_EQ(utils::find_invalid_utf8(cut.substr(0, cut.size() - 1)), std::nullopt);
   // A limit that cuts the result says so on stderr, and only then.
-  const Result cut = in_repo({"search", "--limit", "2", "value_*"});
-  EXPECT_EQ(std::count(cut.out.begin(), cut.out.end(), '\n'), 2);
-  EXPECT_EQ(cut.err,
-            "quilma-db: showing the first 2 matching lines; more match (--limit N, or --all)\n");
+  const Result limited = in_repo({"search", "--limit", "2", "value_*"});
+  EXPECT_EQ(limited.told + std::to_string(split(limited.out).size()),
+            "0 quilma-db: showing the first 2 matching lines; more match (--limit N, or --all)\n2");
   const Result all = in_repo({"search", "--all", "value_*"});
-  EXPECT_EQ(std::count(all.out.begin(), all.out.end(), '\n'), 119);
-  EXPECT_EQ(all.err, "");
-
-  // Context: groups that meet are printed once, others apart after "--".
-  EXPECT_EQ(
-      in_repo({"search", "-C", "1", "--sort", "path", "value_10 OR value_12 OR value_40"}).out,
-      "src/planted.py-9- value_9 = 9\n"
-      "src/planted.py:10: value_10 = 10\n"
-      "src/planted.py-11- value_11 = 11\n"
-      "src/planted.py:12: value_12 = 12\n"
-      "src/planted.py-13- value_13 = 13\n"
-      "--\n"
-      "src/planted.py-39- value_39 = 39\n"
-      "src/planted.py:40: value_40 = 40\n"
-      "src/planted.py-41- value_41 = 41\n");
-}
-
-TEST_F(IndexedRepoTest, CheckNamesWhatIsDamaged) {
-  const fs::path file = repo_ / "memory/codebase-index/index.db";
-  std::int64_t root = 0;
-  {
-    storage::Database db(file);
-    open_database(db);
-    root =
-        db.fetchone("SELECT rootpage FROM sqlite_schema WHERE name = 'files'").value()[0].as_int();
-  }
-  std::fstream damaged(file, std::ios::in | std::ios::out | std::ios::binary);
-  damaged.seekp((root - 1) * 8192 + 8);  // the first cell pointers of the table's root page
-  damaged.write("\x00\x05\x00\x07", 4);
-  damaged.close();
-  const Result check = in_repo({"check"});
-  EXPECT_EQ(check.status, EXIT_FAILED);
-  EXPECT_NE(check.out.find("Offset 5 out of range"), std::string::npos) << check.out;
-  EXPECT_TRUE(check.err.starts_with("quilma-db: check: integrity check failed: ")) << check.err;
-  const json report = json::parse(in_repo({"check", "--json"}).out);
-  EXPECT_EQ(report["ok"], false);
-  EXPECT_GE(report["problems"].size(), 2U);
+  EXPECT_EQ(all.told + std::to_string(split(all.out).size()), "0 119");
 }
 
 // An index this user may not write, in a directory it may not write either: searched all the
 // same, and left byte for byte as it was.
 TEST_F(IndexedRepoTest, AnIndexThatCannotBeWrittenIsSearched) {
-  const fs::path index_dir = repo_ / "memory/codebase-index";
-  const std::string before = read_file(index_dir / "index.db");
-  std::vector<std::string> command{QUILMA_DB_EXECUTABLE};
+  const std::string before = shell("cat " + (index_ / "index.db").string());
+  std::string command = QUILMA_DB_EXECUTABLE;
   if (::geteuid() == 0) {
     // Permissions do not bind root: run as nobody, from a copy of the program it can reach.
     fs::copy_file(QUILMA_DB_EXECUTABLE, dir_ / "quilma-db");
-    for (fs::path at = repo_; at != dir_.path().parent_path(); at = at.parent_path()) {
-      fs::permissions(at, fs::perms::others_read | fs::perms::others_exec, fs::perm_options::add);
-    }
-    command = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-               (dir_ / "quilma-db").string()};
+    ASSERT_EQ(shell("chmod -R o+rX " + dir_.path().string()), "0 ");
+    command = "setpriv --reuid=65534 --regid=65534 --clear-groups " + (dir_ / "quilma-db").string();
   }
-  fs::permissions(index_dir / "index.db", fs::perms::owner_write, fs::perm_options::remove);
-  fs::permissions(index_dir, fs::perms::owner_write, fs::perm_options::remove);
-  command.insert(command.end(), {"search", "plantedIdentifier", repo_.string()});
-  const Result found = run_program(command);
-  fs::permissions(index_dir, fs::perms::owner_write, fs::perm_options::add);
-  EXPECT_EQ(found.status, 0) << found.err;
-  EXPECT_EQ(found.out, "src/planted.py:73: plantedIdentifier = compute(73)\n");
-  EXPECT_EQ(database_dir(), (std::vector<std::string>{".gitignore", "index.db"}));
-  EXPECT_EQ(read_file(index_dir / "index.db"), before);
+  ASSERT_EQ(shell("chmod a-w " + index_.string() + " " + index_.string() + "/index.db"), "0 ");
+  EXPECT_EQ(shell(command + " search plantedIdentifier " + repo_.string()), "0 " + PLANTED);
+  ASSERT_EQ(shell("chmod u+w " + index_.string()), "0 ");
+  EXPECT_EQ(ls(), "0 index.db\n");
+  EXPECT_EQ(shell("cat " + (index_ / "index.db").string()), before);
 }
 
-TEST(AppTest, BadUsageAndFailedOperations) {
+TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
   const spdlog::level::level_enum level = storage::database_logger()->level();
-  testing::TempDir dir;
-  const std::string empty = dir.path().string();
-  const std::vector<std::pair<std::vector<std::string>, std::string>> usages = {
-      {{}, "A subcommand is required"},
-      {{"--db", "x.db", "reindex"}, "unknown command 'reindex'; the commands are: index search"},
-      {{"search"}, "QUERY is required"},
-      {{"search", "x", empty, "--limit", "0"},
-       "--limit takes a whole number of 1 or more, not '0'"},
-      {{"search", "x", "-l", "-c"}, "excludes"},
-      {{"search", "x", "--all", "--limit", "3"}, "excludes"},
-      {{"search", "x", "--sort", "size"}, "--sort"},
-      {{"stamp", "python"}, "expected LANG=VERSION"},
-      {{"stamp", "python=two"}, "expected LANG=VERSION"},
-      {{"stamp", "python=1", "python=2"}, "language 'python' given twice"}};
-  for (const auto& [usage, said] : usages) {
-    const Result result = quilma_db(usage);
-    EXPECT_EQ(result.status, EXIT_USAGE) << ::testing::PrintToString(usage);
-    EXPECT_NE(result.err.find(said), std::string::npos) << result.err;
+  const std::string repo = repo_.string();
+  const std::string empty = dir_.path().string();  // holds no index
+  // Each with its exit status and the start of what it says after "quilma-db: ".
+  const std::vector<std::pair<Args, std::string>> cases = {
+      {{}, "2 A subcommand is required"},
+      {{"--db", "x.db", "reindex"}, "2 unknown command 'reindex'; the commands are: index search"},
+      {{"search"}, "2 QUERY is required"},
+      {{"search", "x", repo, "--limit", "0"}, "2 --limit: --limit takes a whole number of 1 or"},
+      {{"stats", empty}, "1 stats: no index at " + empty + "/memory/codebase-index/index.db; run"},
+      {{"index", empty + "/nowhere"}, "1 index: no such directory: " + empty + "/nowhere\n"},
+      {{"search", "std::vector", repo},
+       "2 malformed search query \"std::vector\" (no such column: std); put text with "
+       "punctuation in double quotes, as in '\"std::vector\"', or search for it literally with "
+       "-w or -s\n"},
+      {{"search", "\"open", repo}, "2 malformed search query \"\"open\""},
+      {{"swap", empty + "/absent.db", repo}, "1 swap: Staging database not found: " + empty},
+      {{"search", "-w", "-s", "--", "\"std::vector", repo}, "0 "}};  // a literal text is not parsed
+  for (const auto& [args, said] : cases) {
+    EXPECT_EQ(quilma_db(args).told.substr(0, said.size() + 11),
+              said.substr(0, 2) + (said.size() > 2 ? "quilma-db: " + said.substr(2) : ""));
   }
-  const Result help = quilma_db({"search", "--help"});
-  EXPECT_EQ(help.status, 0);
-  for (const char* shown : {"{rank,path}=rank", "--limit INT:N >= 1=20"}) {  // the defaults
-    EXPECT_NE(help.out.find(shown), std::string::npos) << help.out;
-  }
+  // Help shows the defaults.
+  EXPECT_NE(quilma_db({"search", "--help"}).out.find("{rank,path}=rank"), std::string::npos);
   // A run gives the storage layer's loggers back as it found them.
   EXPECT_EQ(storage::database_logger()->level(), level);
-  const Result version = quilma_db({"--version"});
-  EXPECT_EQ(version.status, 0);
-  EXPECT_TRUE(version.out.starts_with("quilma-db ")) << version.out;
+}
 
-  const Result missing = quilma_db({"stats", empty});
-  EXPECT_EQ(missing.status, EXIT_FAILED);
-  EXPECT_EQ(missing.err, "quilma-db: stats: no index at " + empty +
-                             "/memory/codebase-index/index.db; run 'quilma-db index' first\n");
-  EXPECT_FALSE(fs::exists(dir / "memory"));
-  const Result nowhere = quilma_db({"index", (dir / "nowhere").string()});
-  EXPECT_EQ(nowhere.status, EXIT_FAILED);
-  EXPECT_EQ(nowhere.err,
-            "quilma-db: index: no such directory: " + (dir / "nowhere").string() + "\n");
-  write(dir / "file", "");
-  EXPECT_EQ(quilma_db({"index", (dir / "file").string()}).err,
-            "quilma-db: index: not a directory: " + (dir / "file").string() + "\n");
+// Lines made of identifiers that a word-splitting index confuses: snake_case inside longer
+// names, CamelCase, ALL_CAPS, a::b, accents, a stray Latin-1 byte and CRLF endings, in a git
+// work tree. A literal search (-w, with and without -s) must print the lines that git grep -w
+// prints.
+TEST(LiteralSearchTest, FindsTheLinesThatGitGrepFinds) {
+  const Args words = split(
+      "send_file|send_file_max_age|send|file|SendFile|sendFile|SEND_FILE|json|nlohmann::json|"
+      "nlohmann|a::b|b|x1|x10|_x|World|W\xc3\xb6rld|Secret|secret key| |(|)|.|::|->|, |\t|_",
+      '|');
+  testing::TempDir dir;
+  std::mt19937 random(7);
+  std::array<std::string, 4> files;
+  for (int line = 0; line < 600; ++line) {
+    std::string& text = files.at(line % 4);
+    for (std::size_t part = random() % 5; part < 5; ++part) {
+      text += words.at(random() % 19) + words.at(19 + random() % 9);
+    }
+    text += std::string(line % 28 == 2 ? "caf\xe9" : "") + (line % 4 == 3 ? "\r\n" : "\n");
+  }
+  for (int file = 0; file < 4; ++file) write(dir / ("f" + std::to_string(file)), files.at(file));
+  const std::string git = "cd " + dir.path().string() + " && LC_ALL=C git ";
+  ASSERT_EQ(shell(git + "init -q && " + git + "add -A"), "0 ");
+  // git lists the files it tracks and those it does not ignore.
+  write(dir / ".gitignore", "*.log\n");
+  write(dir / "skip.log", "ignoredWord\n");
+  write(dir / "new.txt", "untrackedWord\n");
+  ASSERT_EQ(quilma_db({"index", "-q", dir.path().string()}).told, "0 ");
+  EXPECT_EQ(quilma_db({"search", "untrackedWord OR ignoredWord", dir.path().string()}).out,
+            "new.txt:1: untrackedWord\n");
+  const auto located = [](const std::string& out) {  // "path:line" of each line grep prints
+    std::set<std::string> lines;
+    for (const std::string& l : split(out)) lines.insert(l.substr(0, l.find(':', l.find(':') + 1)));
+    return lines;
+  };
+  std::size_t grepped = 0;  // lines git grep found in all: a grep that failed finds none
+  for (const std::string term : {"send_file", "SendFile", "SEND_FILE", "nlohmann::json", "json",
+                                 "a::b", "W\xc3\xb6rld", "x1", "_x", "file", "::json", "("}) {
+    for (const auto& [search, grep] : {std::pair{"-s", ""}, {"-w", "-i "}}) {
+      const std::string out = shell(git + "grep -n -w -I -F " + grep + "-e '" + term + "'");
+      const std::set<std::string> expected = located(out.substr(out.find(' ') + 1));
+      grepped += expected.size();
+      const Args literal{"search", "-w", search, "--all", "--", term, dir.path().string()};
+      EXPECT_EQ(located(quilma_db(literal).out), expected) << term << search;
+    }
+  }
+  EXPECT_GT(grepped, 1000U);
+}
 
-  ASSERT_EQ(quilma_db({"index", "-q", empty}).status, 0);
-  const Result malformed = quilma_db({"search", "std::vector", empty});
-  EXPECT_EQ(malformed.status, EXIT_USAGE);
-  EXPECT_EQ(malformed.err,
-            "quilma-db: malformed search query \"std::vector\" (no such column: std); put text "
-            "with punctuation in double quotes, as in '\"std::vector\"', or search for it "
-            "literally with -w or -s\n");
-  EXPECT_EQ(quilma_db({"search", "-w", "-s", "--", "std::vector", empty}).status, 0);
-  EXPECT_EQ(quilma_db({"search", "\"std::vector\"", empty}).status, 0);
-  const Result unbalanced = quilma_db({"search", "\"open", empty});
-  EXPECT_EQ(unbalanced.status, EXIT_USAGE);
-  EXPECT_NE(unbalanced.err.find("close every double quote"), std::string::npos) << unbalanced.err;
-  const Result no_staging = quilma_db({"swap", (dir / "absent.db").string(), empty});
-  EXPECT_EQ(no_staging.status, EXIT_FAILED);
-  EXPECT_EQ(no_staging.err,
-            "quilma-db: swap: Staging database not found: " + (dir / "absent.db").string() + "\n");
+TEST(SourceFileTest, ChunksCoverEveryLineOnce) {
+  // The first lines of a file, with a final newline and without: chunks of 50 lines (the last
+  // one fewer), each starting where the one before ended, give the text back.
+  const std::string lines = python_with("", 7);
+  for (std::int64_t count = 0, end = 0; count <= 120; ++count, end = lines.find('\n', end) + 1) {
+    for (const std::string& text : {lines.substr(0, end), lines.substr(0, end ? end - 1 : 0)}) {
+      std::string joined;
+      std::int64_t next = 1;
+      for (const Chunk& chunk : chunk_lines(text)) {
+        EXPECT_EQ(chunk.start_line, std::exchange(next, chunk.end_line + 1));
+        EXPECT_TRUE(chunk.end_line - chunk.start_line == 49 || chunk.end_line == count);
+        joined += std::string(chunk.text) + "\n";
+      }
+      const std::string whole = text.empty() || text.ends_with('\n') ? text : text + "\n";
+      EXPECT_EQ(json({line_count(text), next - 1, joined}), json({count, count, whole}));
+    }
+  }
 }
 
 }  // namespace
