@@ -4,9 +4,14 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <ctime>
+#include <deque>
+#include <exception>
 #include <fstream>
+#include <memory>
+#include <mutex>
 #include <stop_token>
 #include <string>
 #include <system_error>
@@ -123,24 +128,93 @@ void check_stop(const IndexRequest& request) {
   if (request.stop != nullptr && request.stop->load()) throw Interrupted();
 }
 
+// A file read, digested and cut into chunks, ready to be written. Its chunks view `file`'s
+// content or `replaced`, so it stays where it was made: it is handed on by pointer.
+struct PreparedFile {
+  SourceFile file;
+  std::string hash;
+  std::int64_t lines = 0;
+  std::string replaced;  // the text with U+FFFD for each stray byte, for a file that has them
+  std::vector<Chunk> chunks;
+};
+
+std::unique_ptr<PreparedFile> prepare_file(const fs::path& path) {
+  auto prepared = std::make_unique<PreparedFile>();
+  prepared->file = read_source_file(path);
+  const SourceFile& file = prepared->file;
+  if (file.problem && !file.problem->indexed) return prepared;
+  prepared->hash = content_hash(file.content);
+  prepared->lines = line_count(file.content);
+  if (file.problem) prepared->replaced = utils::replace_invalid_utf8(file.content);
+  prepared->chunks = chunk_lines(file.problem ? std::string_view(prepared->replaced)
+                                              : std::string_view(file.content));
+  return prepared;
+}
+
+// Prepares the files on a thread of its own, in order and at most AHEAD of them before the one
+// being written, so that reading and digesting the files overlap with SQLite's tokenising.
+class FilePipeline {
+ public:
+  static constexpr std::size_t AHEAD = 64;
+
+  FilePipeline(const fs::path& repo, const std::vector<std::string>& paths)
+      : worker_([this, &repo, &paths](const std::stop_token& stop) { run(stop, repo, paths); }) {}
+
+  // The next file; waits for it. Rethrows what preparing it threw.
+  std::unique_ptr<PreparedFile> next() {
+    std::unique_lock hold(mutex_);
+    ready_.wait(hold, [this] { return !queue_.empty() || error_; });
+    if (queue_.empty()) std::rethrow_exception(error_);
+    std::unique_ptr<PreparedFile> file = std::move(queue_.front());
+    queue_.pop_front();
+    room_.notify_one();
+    return file;
+  }
+
+ private:
+  void run(const std::stop_token& stop, const fs::path& repo,
+           const std::vector<std::string>& paths) {
+    try {
+      for (const std::string& path : paths) {
+        if (stop.stop_requested()) return;
+        std::unique_ptr<PreparedFile> file = prepare_file(repo / path);
+        std::unique_lock hold(mutex_);
+        if (!room_.wait(hold, stop, [this] { return queue_.size() < AHEAD; })) return;
+        queue_.push_back(std::move(file));
+        ready_.notify_one();
+      }
+    } catch (...) {
+      const std::lock_guard hold(mutex_);
+      error_ = std::current_exception();
+      ready_.notify_one();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable ready_;
+  std::condition_variable_any room_;
+  std::deque<std::unique_ptr<PreparedFile>> queue_;  // guarded by mutex_
+  std::exception_ptr error_;                         // guarded by mutex_
+  std::jthread worker_;  // last: asked to stop and joined before the members above go
+};
+
 // Writes one readable file: its row, its anchor symbol and its chunks. The digest is of the
 // bytes on disk; the chunks of a file with stray bytes hold U+FFFD for each and are marked
 // inexact.
 void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
-              const SourceFile& file) {
+              const PreparedFile& prepared) {
   const std::optional<std::string_view> language = language_of(path);
   cursor.execute(
       "INSERT INTO files (id, path, language, hash, size) VALUES (?, ?, ?, ?, ?)",
-      {id, path, language, content_hash(file.content), static_cast<std::int64_t>(file.size)});
+      {id, path, language, prepared.hash, static_cast<std::int64_t>(prepared.file.size)});
   const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
   cursor.execute(
       "INSERT INTO symbols (file_id, name, kind, line, end_line, qualified_name) "
       "VALUES (?, ?, ?, ?, ?, ?)",
-      {id, name, models::FILE_SYMBOL_KIND, 1, line_count(file.content), path});
-  const bool exact = !file.problem;
-  const std::string replaced = exact ? std::string() : utils::replace_invalid_utf8(file.content);
+      {id, name, models::FILE_SYMBOL_KIND, 1, prepared.lines, path});
+  const bool exact = !prepared.file.problem;
   std::int64_t index = 0;
-  for (const Chunk& chunk : chunk_lines(exact ? std::string_view(file.content) : replaced)) {
+  for (const Chunk& chunk : prepared.chunks) {
     cursor.execute(
         "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, ?)",
         {storage::core_schema::chunk_rowid(id, index++), chunk.text, chunk.start_line,
@@ -161,19 +235,22 @@ void build_staging(storage::Database& staging, const IndexRequest& request,
                   {STAGING_HASH_BYTES});
   const auto total = static_cast<std::int64_t>(paths.size());
   std::int64_t next = 0;
+  FilePipeline files(request.repo, paths);
   progress.start();
   while (next < total) {
     staging.transaction([&](sqlite::Cursor& cursor) {
       for (const std::int64_t end = std::min(total, next + BATCH_FILES); next < end; ++next) {
         check_stop(request);
         const std::string& path = paths[static_cast<std::size_t>(next)];
-        const SourceFile file = read_source_file(request.repo / path);
+        const std::unique_ptr<PreparedFile> prepared = files.next();
+        const SourceFile& file = prepared->file;
         report.bytes += file.content.size();
         if (file.problem) {
           staging.record_error(path, file.problem->type, file.problem->message, file.problem->line);
           ++report.errors;
         }
-        if (!file.problem || file.problem->indexed) add_file(cursor, ++report.files, path, file);
+        if (!file.problem || file.problem->indexed)
+          add_file(cursor, ++report.files, path, *prepared);
         progress.advance(next + 1, total, report.bytes);
       }
     });
