@@ -12,14 +12,6 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): posix_spaw
 
 namespace quilma::testing {
 
-namespace {
-
-void check(int result, const char* what) {
-  if (result != 0) throw std::system_error(result, std::generic_category(), what);
-}
-
-}  // namespace
-
 ChildProcess::ChildProcess(const std::vector<std::string>& args) {
   int to_child[2];
   int from_child[2];
@@ -27,21 +19,23 @@ ChildProcess::ChildProcess(const std::vector<std::string>& args) {
     throw std::system_error(errno, std::generic_category(), "pipe2");
   }
   posix_spawn_file_actions_t actions;
-  check(posix_spawn_file_actions_init(&actions), "posix_spawn_file_actions_init");
+  posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, to_child[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, from_child[1], STDOUT_FILENO);
-  try {
-    pid_ = spawn(args, &actions);
-  } catch (...) {
-    posix_spawn_file_actions_destroy(&actions);
-    for (const int fd : {to_child[0], to_child[1], from_child[0], from_child[1]}) ::close(fd);
-    throw;
-  }
+  std::vector<char*> argv;
+  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  const int failed = posix_spawn(&pid_, argv.at(0), &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(to_child[0]);
   ::close(from_child[1]);
   input_ = to_child[1];
   output_ = from_child[0];
+  if (failed != 0) {
+    ::close(input_);  // the destructor does not run for an object that was never made
+    ::close(output_);
+    throw std::system_error(failed, std::generic_category(), "spawn " + args.at(0));
+  }
 }
 
 ChildProcess::~ChildProcess() {
@@ -87,17 +81,6 @@ int ChildProcess::wait() {
   }
   pid_ = -1;
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-}
-
-pid_t spawn(const std::vector<std::string>& args, const posix_spawn_file_actions_t* actions) {
-  std::vector<char*> argv;
-  argv.reserve(args.size() + 1);
-  for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = 0;
-  const int failed = posix_spawn(&pid, argv.at(0), actions, nullptr, argv.data(), environ);
-  if (failed != 0) throw std::system_error(failed, std::generic_category(), "spawn " + args[0]);
-  return pid;
 }
 
 std::filesystem::path test_program(const std::string& name) {

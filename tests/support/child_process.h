@@ -36,10 +36,6 @@ class ChildProcess {
   std::string buffered_;
 };
 
-// Starts args[0] with the rest as its arguments and the caller's file actions (none when
-// null), in this process's environment; its pid. std::system_error when it cannot start.
-pid_t spawn(const std::vector<std::string>& args, const posix_spawn_file_actions_t* actions);
-
 // A program of the test suite, built beside the test executables.
 std::filesystem::path test_program(const std::string& name);
 

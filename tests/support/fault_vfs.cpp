@@ -47,11 +47,6 @@ int FaultVfs::write(sqlite3_file* file, const void* data, int amount, long long 
   return ToRealFile<&sqlite3_io_methods::xWrite>::call(file, data, amount, offset);
 }
 
-int FaultVfs::sync(sqlite3_file* file, int flags) {
-  if (!File::of(file)->owner->allow_sync()) return SQLITE_IOERR_FSYNC;
-  return ToRealFile<&sqlite3_io_methods::xSync>::call(file, flags);
-}
-
 FaultVfs& FaultVfs::of(sqlite3_vfs* vfs) { return *static_cast<FaultVfs*>(vfs->pAppData); }
 
 sqlite3_vfs* FaultVfs::real_of(sqlite3_vfs* vfs) { return of(vfs).real_; }
@@ -64,7 +59,7 @@ int FaultVfs::open(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int f
       .xRead = &ToRealFile<&sqlite3_io_methods::xRead>::call,
       .xWrite = &FaultVfs::write,
       .xTruncate = &ToRealFile<&sqlite3_io_methods::xTruncate>::call,
-      .xSync = &FaultVfs::sync,
+      .xSync = &ToRealFile<&sqlite3_io_methods::xSync>::call,
       .xFileSize = &ToRealFile<&sqlite3_io_methods::xFileSize>::call,
       .xLock = &ToRealFile<&sqlite3_io_methods::xLock>::call,
       .xUnlock = &ToRealFile<&sqlite3_io_methods::xUnlock>::call,
@@ -126,19 +121,7 @@ FaultVfs::~FaultVfs() {
 
 void FaultVfs::fail_writes_after(std::int64_t budget) {
   written_.store(0);
-  faults_.store(0);
   budget_.store(budget);
-}
-
-void FaultVfs::fail_sync(int k) {
-  syncs_.store(0);
-  faults_.store(0);
-  sync_to_fail_.store(k);
-}
-
-void FaultVfs::heal() {
-  budget_.store(-1);
-  sync_to_fail_.store(0);
 }
 
 bool FaultVfs::allow_write(int amount) {
@@ -146,14 +129,6 @@ bool FaultVfs::allow_write(int amount) {
   const std::int64_t budget = budget_.load();
   if (budget < 0 || total <= budget) return true;
   written_.fetch_sub(amount);
-  faults_.fetch_add(1);
-  return false;
-}
-
-bool FaultVfs::allow_sync() {
-  const int k = sync_to_fail_.load();
-  if (syncs_.fetch_add(1) + 1 != k) return true;
-  faults_.fetch_add(1);
   return false;
 }
 

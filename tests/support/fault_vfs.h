@@ -1,5 +1,5 @@
-// A SQLite VFS that fails on demand: writes with SQLITE_FULL once a byte budget is spent, and
-// the k-th sync with SQLITE_IOERR_FSYNC. It forwards everything else to the default VFS.
+// A SQLite VFS that fails on demand: writes with SQLITE_FULL once a byte budget is spent. It
+// forwards everything else to the default VFS.
 #pragma once
 
 #include <atomic>
@@ -27,12 +27,8 @@ class FaultVfs {
   // From now on, a write that would take the bytes written past `budget` fails, and so does
   // every write after it.
   void fail_writes_after(std::int64_t budget);
-  // The `k`-th sync from now (1 for the next) fails; the others succeed.
-  void fail_sync(int k);
-  // Disarms both faults.
-  void heal();
-
-  int faults() const { return faults_.load(); }  // failures injected so far
+  // Disarms the fault.
+  void heal() { budget_.store(-1); }
 
   struct File;                                    // a file opened through this VFS
   static sqlite3_vfs* real_of(sqlite3_vfs* vfs);  // the VFS that `vfs` forwards to
@@ -42,17 +38,12 @@ class FaultVfs {
   static int open(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags,
                   int* out_flags);
   static int write(sqlite3_file* file, const void* data, int amount, long long offset);
-  static int sync(sqlite3_file* file, int flags);
   bool allow_write(int amount);
-  bool allow_sync();
 
   std::unique_ptr<sqlite3_vfs> vfs_;
   sqlite3_vfs* real_;
   std::atomic<std::int64_t> budget_{-1};  // -1: no limit
   std::atomic<std::int64_t> written_{0};
-  std::atomic<int> sync_to_fail_{0};  // 0: none
-  std::atomic<int> syncs_{0};
-  std::atomic<int> faults_{0};
 };
 
 }  // namespace quilma::testing

@@ -1,16 +1,31 @@
-// A fresh directory for one test, removed with everything in it when the test ends.
+// A fresh directory for one test, removed with everything in it when the test ends; an
+// environment variable set for the life of an object.
 #pragma once
 
+#include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
+
+#include <stdlib.h>  // NOLINT(modernize-deprecated-headers): mkdtemp, setenv
 
 namespace quilma::testing {
 
 class TempDir {
  public:
-  TempDir();
-  ~TempDir();
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "quilma-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+      throw std::system_error(errno, std::generic_category(), "mkdtemp");
+    }
+    path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
 
@@ -21,18 +36,31 @@ class TempDir {
   std::filesystem::path path_;
 };
 
-// Sets an environment variable for the life of the object, then restores it.
+// Sets (or, for nullptr, unsets) an environment variable, and restores it when destroyed.
+// NOLINTBEGIN(concurrency-mt-unsafe): tests change the environment before threads start.
 class ScopedEnv {
  public:
-  ScopedEnv(const char* name, const char* value);  // value nullptr: unset
-  ~ScopedEnv();
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    const char* old = std::getenv(name);
+    old_ = old != nullptr ? std::optional<std::string>(old) : std::nullopt;
+    set(value);
+  }
+  ~ScopedEnv() { set(old_ ? old_->c_str() : nullptr); }
   ScopedEnv(const ScopedEnv&) = delete;
   ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
+  void set(const char* value) {
+    if (value != nullptr) {
+      ::setenv(name_.c_str(), value, 1);
+    } else {
+      ::unsetenv(name_.c_str());
+    }
+  }
+
   std::string name_;
-  bool had_value_ = false;
-  std::string old_value_;
+  std::optional<std::string> old_;
 };
+// NOLINTEND(concurrency-mt-unsafe)
 
 }  // namespace quilma::testing
