@@ -52,8 +52,7 @@ struct Operation {
 std::pair<int, Clock::duration> run(const Operation& op,
                                     std::optional<Clock::duration> kill_after = {}) {
   int began[2];  // the child closes its end when the operation begins
-  if (::pipe(began) != 0) throw std::system_error(errno, std::generic_category());
-  const pid_t pid = ::fork();
+  const pid_t pid = ::pipe(began) == 0 ? ::fork() : -1;
   if (pid < 0) throw std::system_error(errno, std::generic_category());
   if (pid == 0) {
     try {
@@ -85,8 +84,9 @@ std::pair<int, Clock::duration> run(const Operation& op,
 // contents changes (read by `shape_sql` on a plain connection first, before the open sequence
 // can change it), and the row count and checksum of each index table and the generation; or
 // why the file failed to open or its integrity check.
-std::pair<std::int64_t, std::string> inspect(const char* shape_sql) {
-  std::pair<std::int64_t, std::string> state;
+using State = std::pair<std::int64_t, std::string>;
+State inspect(const char* shape_sql) {
+  State state;
   try {
     if (shape_sql != nullptr)
       state.first =
@@ -200,10 +200,10 @@ TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
   const auto [status, whole] = run(fresh_run());
   const auto after = inspect(op.shape);
   ASSERT_EQ(status, 0);
+  const std::string both = fmt::format("\nbefore: {}\nafter:  {}", before, after);
   ASSERT_TRUE(op.shape != nullptr ? after.second == before.second && after.first != before.first
                                   : after.second != before.second)
-      << "before: " << before.first << ", " << before.second << "\nafter: " << after.first << ", "
-      << after.second;
+      << both;
 
   const char* raw_points = std::getenv("QUILMA_CRASH_POINTS");  // NOLINT(concurrency-mt-unsafe)
   const int count = raw_points != nullptr && std::atoi(raw_points) > 0 ? std::atoi(raw_points) : 6;
@@ -217,9 +217,7 @@ TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
     const bool old = state == before, new_ = state == after;
     const bool partial = op.name == "compact" && state.second == before.second;
     EXPECT_TRUE((ended == 0 || ended == 128 + SIGKILL) && (old || new_ || partial))
-        << "point " << point << ": status " << ended << ", shape " << state.first << ", "
-        << state.second << "\nbefore: " << before.first << ", " << before.second
-        << "\nafter:  " << after.first << ", " << after.second;
+        << fmt::format("point {}: status {}, {}", point, ended, state) << both;
     const char* outcome = old ? "old" : new_ ? "new" : partial ? "partial" : "broken";
     ++seen[outcome + std::string(ended == 0 ? " (ended first)" : "")];
   }

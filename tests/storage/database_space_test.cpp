@@ -33,9 +33,6 @@ constexpr std::string_view RELEASE_STEP = "PRAGMA incremental_vacuum(";
 Compaction skipped(const std::string& reason) {
   return Compaction{.converted = false, .pages_released = 0, .skipped = reason};
 }
-Compaction released(std::int64_t pages) {
-  return Compaction{.pages_released = pages, .skipped = {}};
-}
 
 // Calls `hook` with the SQL of every statement that starts on `db`, on the thread that runs it.
 void trace(sqlite3* db, Hook* hook) {
@@ -127,7 +124,7 @@ TEST_F(SpaceTest, FreePagesGoBackInPacedStepsThatAWriterWaitsForOneAtMostAndAClo
     releasing.wait();
     for (int n = 0; n < 20; ++n) db.execute("INSERT INTO bulk VALUES (?)", {n});
   });
-  EXPECT_EQ(db.compact(), released(5000));
+  EXPECT_EQ(db.compact(), (Compaction{.pages_released = 5000, .skipped = {}}));
   writer.join();
   EXPECT_LT(std::filesystem::file_size(path_), size_before - 5000 * 8192);
   EXPECT_THAT(log.texts(spdlog::level::info),
@@ -171,8 +168,7 @@ TEST_F(SpaceTest, ShrinkingWaitsForReadersOnOlderSnapshotsWithTheWriterFree) {
   hold_snapshot();
   EXPECT_EQ(Peer::release_free_pages(db), 3000);  // into the log, behind the reader
   const auto size_before = std::filesystem::file_size(path_);
-  std::future<bool> shrunk =
-      std::async(std::launch::async, [&] { return Peer::shrink_file(db, 5s); });
+  auto shrunk = std::async(std::launch::async, [&] { return Peer::shrink_file(db, 5s); });
   std::this_thread::sleep_for(1s);
   db.execute("INSERT INTO bulk VALUES (2)");  // the writer is free while the shrink waits
   EXPECT_EQ(shrunk.wait_for(0s), std::future_status::timeout);
@@ -198,9 +194,8 @@ TEST_F(SpaceTest, RefusalsAreLoggedAtTheirLevelOnceThenAtDebug) {
   Database db(path_);
   EXPECT_EQ(db.compact(), skipped("the database is closed"));
   db.connect();
-  {
+  for (int twice = 0; twice < 2; ++twice) {
     const runtime::EventLoopScope scope;
-    EXPECT_EQ(db.compact(), skipped(loop));
     EXPECT_EQ(db.compact(), skipped(loop));
   }
   db.transaction(
@@ -221,8 +216,8 @@ TEST_F(SpaceTest, AFileWithoutAutoVacuumIsConvertedOnceWhenItMayAndNotAgainAfter
     sqlite::Connection plain(path_);  // as older releases made them
     sqlite::Cursor cursor = plain.cursor();
     migrations::run_ddl(cursor,
-                        "PRAGMA page_size=8192; PRAGMA auto_vacuum=NONE; CREATE TABLE kept (n); "
-                        "INSERT INTO kept VALUES (42)");
+                        "PRAGMA page_size=8192; PRAGMA auto_vacuum=NONE; CREATE TABLE "
+                        "kept (n); INSERT INTO kept VALUES (42)");
   }
   const Compaction not_retried =
       skipped("an earlier conversion failed or changed nothing: not retried");
@@ -272,7 +267,7 @@ TEST_F(SpaceTest, AFileWithoutAutoVacuumIsConvertedOnceWhenItMayAndNotAgainAfter
       testing::number(db, "SELECT auto_vacuum + (SELECT n FROM kept) FROM pragma_auto_vacuum"),
       detail::AUTO_VACUUM_INCREMENTAL + 42);
   free_pages(db, 3000);  // from now on pages go back in steps
-  EXPECT_EQ(db.compact(), released(3000));
+  EXPECT_EQ(db.compact(), (Compaction{.pages_released = 3000, .skipped = {}}));
 }
 
 }  // namespace

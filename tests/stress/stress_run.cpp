@@ -152,22 +152,18 @@ struct Role {
     if (!no_wal && !no_db) largest = std::max(largest, wal - file);
     const std::int64_t seq = ops + 1;
     std::int64_t seen = ops;
-    if (timed(
-            "write",
-            [&] {
-              db->transaction([&](sqlite::Cursor& cursor) {
-                cursor.execute(
-                    "CREATE TABLE IF NOT EXISTS memories (seq INTEGER PRIMARY KEY, note)");
-                if (seq % 2 == 0) {
-                  seen = (*cursor.execute("SELECT COUNT(*) FROM memories").fetchone())[0].as_int();
-                  cursor.execute("UPDATE memories SET note = note || '.' WHERE seq = ?", {seq - 1});
-                }
-                cursor.execute("INSERT INTO memories (seq, note) VALUES (?, 'memory')", {seq});
-              });
-            }) &&
-        ++ops != seen + 1) {
+    const bool wrote = timed("write", [&] {
+      db->transaction([&](sqlite::Cursor& cursor) {
+        cursor.execute("CREATE TABLE IF NOT EXISTS memories (seq INTEGER PRIMARY KEY, note)");
+        if (seq % 2 == 0) {
+          seen = (*cursor.execute("SELECT COUNT(*) FROM memories").fetchone())[0].as_int();
+          cursor.execute("UPDATE memories SET note = note || '.' WHERE seq = ?", {seq - 1});
+        }
+        cursor.execute("INSERT INTO memories (seq, note) VALUES (?, 'memory')", {seq});
+      });
+    });
+    if (wrote && ++ops != seen + 1)
       fail("lost", fmt::format("{} rows before commit {}", seen, seq));
-    }
   }
 
   // Reads three ways: one statement, one at a time, one read transaction. Every table holds one
@@ -182,15 +178,13 @@ struct Role {
       };
       const bool read = timed("read", [&] {
         if (way == 0) add(db->fetchone(fmt::format("SELECT ({})", fmt::join(queries, "), ("))));
-        for (const std::string& sql : queries) {
-          if (way == 1) add(db->fetchone(sql));
-        }
-        if (way == 2) {
+        if (way == 1)
+          for (const std::string& sql : queries) add(db->fetchone(sql));
+        if (way == 2)
           db->read([&](sqlite::Cursor& cursor) {
             for (const std::string& sql : queries) add(cursor.execute(sql).fetchone());
             return 0;
           });
-        }
       });
       if (read && (builds.size() != queries.size() || std::ranges::min(builds) < 1 ||
                    (way == 1 ? !std::ranges::is_sorted(builds)
