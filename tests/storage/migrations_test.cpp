@@ -10,7 +10,6 @@
 
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
-#include "quilma/storage/core_schema.h"
 
 namespace quilma::storage {
 namespace {
@@ -67,28 +66,6 @@ TEST_F(SchemaTest, DdlSplitsOnlyWhereAStatementEndsAndStaleFilesAreMarkedByLangu
   EXPECT_EQ(text("SELECT group_concat(path) FROM files WHERE hash = ?",
                  {migrations::REINDEX_SENTINEL_HASH}),
             "a.py,b.py");
-}
-
-TEST_F(SchemaTest, MissingTablesAreCreatedOthersLeftAloneAndAFilesChunksGoWithTheFile) {
-  cursor_.execute("CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, extra TEXT)");
-  cursor_.execute("PRAGMA foreign_keys = ON");
-  for (int twice = 0; twice < 2; ++twice) {  // the second time, finds everything there
-    cursor_.execute("BEGIN");
-    core_schema::create_tables(cursor_);
-    cursor_.execute("COMMIT");
-  }
-  EXPECT_EQ(text("SELECT group_concat(name) FROM pragma_table_info('files') WHERE name = 'extra'"),
-            "extra");
-  EXPECT_FALSE(cursor_.execute("SELECT * FROM schema_info").fetchone());  // to be migrated
-  cursor_.execute("INSERT INTO files (id, path) VALUES (1, 'a'), (2, 'b'), (3, 'c')");
-  for (const std::int64_t file : {1, 2, 3}) {
-    for (const std::int64_t index : {std::int64_t{0}, core_schema::CHUNKS_PER_FILE - 1}) {
-      cursor_.execute("INSERT INTO code_chunks (rowid, text) VALUES (?, ?)",
-                      {core_schema::chunk_rowid(file, index), std::to_string(file)});
-    }
-  }
-  cursor_.execute("DELETE FROM files WHERE id = 2");
-  EXPECT_EQ(text("SELECT group_concat(text) FROM code_chunks"), "1,1,3,3");
 }
 
 }  // namespace
