@@ -263,15 +263,12 @@ TEST_F(DatabaseTest, ReconnectUnderRunningQueriesFailsCleanly) {
   }
 }
 
-TEST(ReaderPoolTest, LeasesWaitForAConnectionAndCloseWaitsForAllLeasesThenRefuses) {
-  testing::TempDir dir;
-  const std::filesystem::path path = dir / "pool.db";
-  sqlite::Connection writer(path);
-  writer.cursor().execute("PRAGMA journal_mode=WAL");
-  writer.cursor().execute("CREATE TABLE t AS SELECT 'src/a.py' AS x");
+TEST_F(DatabaseTest, PoolLeasesWaitForAConnectionAndCloseWaitsForAllLeasesThenRefuses) {
+  open();
+  db_.execute("INSERT INTO t (v) VALUES ('src/a.py')");
   // Four threads on two connections: each lease waits for a connection and finds it
   // configured.
-  ReaderPool pool(path, 2, &utils::register_path_functions);
+  ReaderPool pool(path_, 2, &utils::register_path_functions);
   std::atomic<int> active{0}, served{0}, refused{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
@@ -281,7 +278,7 @@ TEST(ReaderPoolTest, LeasesWaitForAConnectionAndCloseWaitsForAllLeasesThenRefuse
           auto lease = pool.lease();
           ++active;
           auto cursor = lease.connection().cursor();
-          served += cursor.execute("SELECT path_glob('*/*', x) FROM t").fetchone()->values()[0] ==
+          served += cursor.execute("SELECT path_glob('*/*', v) FROM t").fetchone()->values()[0] ==
                     sqlite::Value(1);
           --active;
         } catch (const ReaderUnavailable& error) {
@@ -298,8 +295,8 @@ TEST(ReaderPoolTest, LeasesWaitForAConnectionAndCloseWaitsForAllLeasesThenRefuse
   EXPECT_EQ(refused.load(), 0);
   pool.close();
   EXPECT_EQ(error_of<ReaderUnavailable>([&] { pool.lease(); }),
-            "the read connections of " + path.string() + " are closed");
-  EXPECT_THROW(ReaderPool(dir / "missing.db", 1).lease(), ReaderUnavailable);
+            "the read connections of " + path_.string() + " are closed");
+  EXPECT_THROW(ReaderPool(dir_ / "missing.db", 1).lease(), ReaderUnavailable);
 }
 
 // Several processes on one index file: opening or reading a current file takes no write lock
