@@ -64,7 +64,8 @@ TEST_F(CursorTest, ValuesRoundTripRowsAnswerByPositionAndNameMovedCursorsKeepThe
   Cursor& same = cursor_;  // a cursor moved, also onto itself, keeps its place
   cursor_ = std::move(same);
   const Row row = *cursor_.fetchone();
-  Cursor moved(std::move(cursor_));
+  Cursor moved = connection_.cursor();
+  moved = std::move(cursor_);  // the moved-from cursor is closed
   EXPECT_EQ(moved.fetchall().size(), 1U);
   EXPECT_THROW(cursor_.fetchone(), ProgrammingError);
   cursor_ = connection_.cursor();
@@ -123,7 +124,7 @@ TEST_F(CursorTest, StatementsGoBackToTheCacheResetAndAreReused) {
   }
 }
 
-TEST_F(CursorTest, BadStatementsRaiseTheirKindAndLeaveNothingMidRun) {
+TEST_F(CursorTest, BadStatementsAndClosedObjectsRaiseTheirKindAndLeaveNothingMidRun) {
   EXPECT_THROW(cursor_.execute("SELEC 1"), OperationalError);
   EXPECT_THROW(cursor_.execute("INSERT INTO t (name) VALUES ('a')"), IntegrityError);
   EXPECT_THROW(cursor_.execute("SELECT ?, ?", {1}), ProgrammingError);
@@ -136,9 +137,7 @@ TEST_F(CursorTest, BadStatementsRaiseTheirKindAndLeaveNothingMidRun) {
   EXPECT_EQ(cursor_.execute("SELECT 1; -- done\n ;/**/").fetchone().value()[0], Value(1));
   EXPECT_FALSE(cursor_.execute("  /* nothing */").fetchone());
   EXPECT_EQ(prepared(connection_)[1], 0);
-}
-
-TEST_F(CursorTest, CloseFinalizesEveryStatementAndClosedObjectsRefuseWork) {
+  // Closing finalizes every statement, and closed objects refuse work.
   Cursor live = connection_.cursor();
   live.execute("SELECT name FROM t");  // stands on its first row
   cursor_.close();
