@@ -1,4 +1,5 @@
-// The schema: the tables a new file gets, and the steps that bring an older file up to date.
+// The steps that bring an older file up to date. Files marked stale after a language's parser
+// changed, and the tables of a new file, are checked through the schema tests' release files.
 #include "quilma/storage/migrations.h"
 
 #include <string>
@@ -10,7 +11,6 @@
 
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/error.h"
-#include "quilma/storage/core_schema.h"
 
 namespace quilma::storage {
 namespace {
@@ -34,19 +34,11 @@ TEST(MigrationsTest, VersionsCompareNumericallyAndStepsAreInOrder) {
   EXPECT_EQ(steps.back().version, migrations::SCHEMA_VERSION);
 }
 
-class SchemaTest : public ::testing::Test {
- protected:
-  std::string text(const std::string& sql, const sqlite::Params& params = {}) {
-    return cursor_.execute(sql, params).fetchone().value()[0].as_text();
-  }
-
-  testing::TempDir dir_;
-  sqlite::Connection connection_{dir_ / "index.db"};
-  sqlite::Cursor cursor_ = connection_.cursor();
-};
-
-TEST_F(SchemaTest, DdlSplitsOnlyWhereAStatementEndsAndStaleFilesAreMarkedByLanguage) {
-  migrations::run_ddl(cursor_, R"sql(
+TEST(MigrationsTest, DdlSplitsOnlyWhereAStatementEnds) {
+  testing::TempDir dir;
+  sqlite::Connection connection(dir / "index.db");
+  sqlite::Cursor cursor = connection.cursor();
+  migrations::run_ddl(cursor, R"sql(
     -- a comment; with a semicolon
     CREATE TABLE t (v TEXT DEFAULT 'a;b');
     CREATE TABLE log (v TEXT);;
@@ -54,41 +46,12 @@ TEST_F(SchemaTest, DdlSplitsOnlyWhereAStatementEndsAndStaleFilesAreMarkedByLangu
       INSERT INTO log VALUES ('x;y');
       INSERT INTO log VALUES (new.v);
     END;
-    CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, language TEXT, hash TEXT);
-    INSERT INTO files (path, language, hash) VALUES
-      ('a.py', 'python', 'h'), ('b.py', 'python', 'h'), ('c.go', 'go', 'h'), ('d', NULL, 'h');
     /* last one, without a semicolon */ INSERT INTO t DEFAULT VALUES
   )sql");
-  EXPECT_EQ(text("SELECT group_concat(v) FROM log"), "x;y,a;b");
-  EXPECT_THROW(migrations::run_ddl(cursor_, "CREATE TABLE u (v); CREATE TABLE t (v)"),
+  EXPECT_EQ(cursor.execute("SELECT group_concat(v) FROM log").fetchone()->values()[0],
+            sqlite::Value("x;y,a;b"));
+  EXPECT_THROW(migrations::run_ddl(cursor, "CREATE TABLE u (v); CREATE TABLE t (v)"),
                sqlite::OperationalError);
-  EXPECT_EQ(migrations::mark_files_stale(cursor_, {"python", "rust", "python"}), 2);
-  EXPECT_EQ(migrations::mark_files_stale(cursor_, {}), 0);
-  EXPECT_EQ(text("SELECT group_concat(path) FROM files WHERE hash = ?",
-                 {migrations::REINDEX_SENTINEL_HASH}),
-            "a.py,b.py");
-}
-
-TEST_F(SchemaTest, MissingTablesAreCreatedOthersLeftAloneAndAFilesChunksGoWithTheFile) {
-  cursor_.execute("CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT, extra TEXT)");
-  cursor_.execute("PRAGMA foreign_keys = ON");
-  for (int twice = 0; twice < 2; ++twice) {  // the second time, finds everything there
-    cursor_.execute("BEGIN");
-    core_schema::create_tables(cursor_);
-    cursor_.execute("COMMIT");
-  }
-  EXPECT_EQ(text("SELECT group_concat(name) FROM pragma_table_info('files') WHERE name = 'extra'"),
-            "extra");
-  EXPECT_FALSE(cursor_.execute("SELECT * FROM schema_info").fetchone());  // to be migrated
-  cursor_.execute("INSERT INTO files (id, path) VALUES (1, 'a'), (2, 'b'), (3, 'c')");
-  for (const std::int64_t file : {1, 2, 3}) {
-    for (const std::int64_t index : {std::int64_t{0}, core_schema::CHUNKS_PER_FILE - 1}) {
-      cursor_.execute("INSERT INTO code_chunks (rowid, text) VALUES (?, ?)",
-                      {core_schema::chunk_rowid(file, index), std::to_string(file)});
-    }
-  }
-  cursor_.execute("DELETE FROM files WHERE id = 2");
-  EXPECT_EQ(text("SELECT group_concat(text) FROM code_chunks"), "1,1,3,3");
 }
 
 }  // namespace
