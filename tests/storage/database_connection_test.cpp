@@ -1,7 +1,11 @@
 // The connections to an index file: the writer, its transactions, the reader pool and the
 // reads beside them, also on other threads and in other processes.
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <latch>
@@ -16,7 +20,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "support/child_process.h"
 #include "support/database_test_peer.h"
 #include "support/error_of.h"
 #include "support/index_builder.h"
@@ -307,12 +310,17 @@ TEST_F(DatabaseTest, AnotherProcesssWriteLetsReadsThroughAndMakesWritesWait) {
   db_.close();
   const std::string wal = path_.string() + "-wal";
   const std::string before = testing::bytes_of(path_) + testing::bytes_of(wal);
-  const std::string holder_program = testing::test_program("lock_holder");
+  const std::string holder = read_symlink(std::filesystem::path("/proc/self/exe")).parent_path() /
+                             "lock_holder";  // built beside this test
   // Another process holds the write lock until told (past the busy timeout), then for 300 ms.
   for (const bool until_told : {true, false}) {
-    testing::ChildProcess holder(until_told ? Strings{holder_program, path_}
-                                            : Strings{holder_program, path_, "300"});
-    ASSERT_EQ(holder.read_line(), "locked");
+    const std::string release = until_told ? (dir_ / "release").string() : "300";
+    FILE* other = ::popen((holder + " " + path_.string() + " " + release).c_str(), "r");
+    const auto says = [other] {
+      std::array<char, 16> line{};
+      return std::string(std::fgets(line.data(), line.size(), other) ? line.data() : "");
+    };
+    ASSERT_EQ(says(), "locked\n");
     const auto started = Clock::now();
     Database db(path_);  // a process that opens the file afresh
     testing::open_fully(db);
@@ -324,7 +332,7 @@ TEST_F(DatabaseTest, AnotherProcesssWriteLetsReadsThroughAndMakesWritesWait) {
       db.close();
       EXPECT_LT(Clock::now() - started, detail::WRITER_BUSY_TIMEOUT / 2);
       EXPECT_EQ(testing::bytes_of(path_) + testing::bytes_of(wal), before);
-      holder.close_input();
+      std::ofstream{release};  // tells it to let go
     } else {
       db.transaction([](Cursor& cursor) {  // one that reads first, then writes
         cursor.execute("SELECT * FROM files").fetchall();
@@ -332,8 +340,8 @@ TEST_F(DatabaseTest, AnotherProcesssWriteLetsReadsThroughAndMakesWritesWait) {
       });
       EXPECT_GE(Clock::now() - started, 150ms);  // it did wait
     }
-    EXPECT_EQ(holder.read_line(), "released");
-    EXPECT_EQ(holder.wait(), 0);
+    EXPECT_EQ(says(), "released\n");
+    EXPECT_EQ(::pclose(other), 0);
   }
 }
 

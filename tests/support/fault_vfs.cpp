@@ -30,16 +30,6 @@ struct ToRealFile<Method> {
   }
 };
 
-template <auto Method>
-struct ToRealVfs;
-template <class R, class... Args, R (*sqlite3_vfs::*Method)(sqlite3_vfs*, Args...)>
-struct ToRealVfs<Method> {
-  static R call(sqlite3_vfs* vfs, Args... args) {
-    sqlite3_vfs* real = FaultVfs::real_of(vfs);
-    return (real->*Method)(real, args...);
-  }
-};
-
 }  // namespace
 
 int FaultVfs::write(sqlite3_file* file, const void* data, int amount, long long offset) {
@@ -48,8 +38,6 @@ int FaultVfs::write(sqlite3_file* file, const void* data, int amount, long long 
 }
 
 FaultVfs& FaultVfs::of(sqlite3_vfs* vfs) { return *static_cast<FaultVfs*>(vfs->pAppData); }
-
-sqlite3_vfs* FaultVfs::real_of(sqlite3_vfs* vfs) { return of(vfs).real_; }
 
 int FaultVfs::open(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags,
                    int* out_flags) {
@@ -87,28 +75,14 @@ int FaultVfs::open(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int f
 
 FaultVfs::FaultVfs() : vfs_(std::make_unique<sqlite3_vfs>()), real_(sqlite3_vfs_find(nullptr)) {
   if (real_ == nullptr) throw std::runtime_error("no default SQLite VFS");
-  *vfs_ = *real_;  // the same capabilities, with its calls forwarded below
+  // The same capabilities and methods: the default VFS's own do not depend on the object they
+  // are called through; only its files are wrapped.
+  *vfs_ = *real_;
   vfs_->szOsFile = static_cast<int>(sizeof(File)) + real_->szOsFile;
   vfs_->pNext = nullptr;
   vfs_->zName = NAME;
   vfs_->pAppData = this;
   vfs_->xOpen = &FaultVfs::open;
-  vfs_->xDelete = &ToRealVfs<&sqlite3_vfs::xDelete>::call;
-  vfs_->xAccess = &ToRealVfs<&sqlite3_vfs::xAccess>::call;
-  vfs_->xFullPathname = &ToRealVfs<&sqlite3_vfs::xFullPathname>::call;
-  vfs_->xRandomness = &ToRealVfs<&sqlite3_vfs::xRandomness>::call;
-  vfs_->xSleep = &ToRealVfs<&sqlite3_vfs::xSleep>::call;
-  vfs_->xCurrentTime = &ToRealVfs<&sqlite3_vfs::xCurrentTime>::call;
-  vfs_->xGetLastError = &ToRealVfs<&sqlite3_vfs::xGetLastError>::call;
-  vfs_->xCurrentTimeInt64 = &ToRealVfs<&sqlite3_vfs::xCurrentTimeInt64>::call;
-  // No extensions are loaded, and the system-call overrides belong to the real VFS.
-  vfs_->xDlOpen = nullptr;
-  vfs_->xDlError = nullptr;
-  vfs_->xDlSym = nullptr;
-  vfs_->xDlClose = nullptr;
-  vfs_->xSetSystemCall = nullptr;
-  vfs_->xGetSystemCall = nullptr;
-  vfs_->xNextSystemCall = nullptr;
   if (sqlite3_vfs_register(vfs_.get(), 1) != SQLITE_OK) {
     throw std::runtime_error("cannot register the fault VFS");
   }

@@ -30,8 +30,7 @@ class FaultVfs {
   // Disarms the fault.
   void heal() { budget_.store(-1); }
 
-  struct File;                                    // a file opened through this VFS
-  static sqlite3_vfs* real_of(sqlite3_vfs* vfs);  // the VFS that `vfs` forwards to
+  struct File;  // a file opened through this VFS
 
  private:
   static FaultVfs& of(sqlite3_vfs* vfs);

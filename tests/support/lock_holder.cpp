@@ -1,6 +1,7 @@
-// Another process holding the write lock of a database file: `lock_holder DB [MS]` takes the
-// lock (BEGIN IMMEDIATE), says "locked", and commits a row into its own table after MS
-// milliseconds, or, without MS, once its standard input is closed. It then says "released".
+// Another process holding the write lock of a database file: `lock_holder DB RELEASE` takes the
+// lock (BEGIN IMMEDIATE), says "locked", and commits a row into its own table after RELEASE
+// milliseconds, or, when RELEASE is a path, once a file is there (30 s at most). It then says
+// "released".
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -19,7 +20,7 @@ int fail(sqlite3* db, const char* what) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) return 2;
+  if (argc < 3) return 2;
   sqlite3* db = nullptr;
   if (sqlite3_open(argv[1], &db) != SQLITE_OK) return fail(db, "open");
   sqlite3_busy_timeout(db, 5000);
@@ -28,11 +29,12 @@ int main(int argc, char** argv) {
   }
   std::puts("locked");
   std::fflush(stdout);
-  if (argc > 2) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(argv[2])));
+  const std::string release = argv[2];
+  if (release.find_first_not_of("0123456789") == std::string::npos) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(release)));
   } else {
-    char byte = 0;
-    while (::read(STDIN_FILENO, &byte, 1) > 0) {
+    for (int waited = 0; waited < 3000 && ::access(release.c_str(), F_OK) != 0; ++waited) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
   // A commit in between: a snapshot taken before it cannot be written from afterwards.
