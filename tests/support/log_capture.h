@@ -1,13 +1,11 @@
 // Captures what one of the storage layer's loggers writes, for the life of the object.
 #pragma once
 
-#include <algorithm>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/ringbuffer_sink.h>
 #include <spdlog/spdlog.h>
 
 #include "quilma/storage/log.h"
@@ -31,16 +29,20 @@ class LogCapture {
     logger_->set_level(spdlog::level::debug);
   }
   ~LogCapture() {
-    auto& sinks = logger_->sinks();
-    sinks.erase(std::remove(sinks.begin(), sinks.end(), sink_), sinks.end());
+    std::erase(logger_->sinks(), sink_);
     logger_->set_level(old_level_);
   }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
+  // The lines since the capture began or was last cleared.
   std::vector<LogLine> lines() const {
-    const std::lock_guard hold(sink_->lock());
-    return sink_->lines;
+    std::vector<LogLine> lines;
+    for (const auto& message : sink_->last_raw()) {
+      lines.push_back({message.level, std::string(message.payload.begin(), message.payload.end())});
+    }
+    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(cleared_));
+    return lines;
   }
   // The texts of the lines at `level`.
   std::vector<std::string> texts(spdlog::level::level_enum level) const {
@@ -50,24 +52,15 @@ class LogCapture {
     }
     return texts;
   }
-  void clear() {
-    const std::lock_guard hold(sink_->lock());
-    sink_->lines.clear();
-  }
+  void clear() { cleared_ = sink_->last_raw().size(); }
 
  private:
-  struct Sink : spdlog::sinks::base_sink<std::mutex> {
-    std::mutex& lock() { return mutex_; }
-    void sink_it_(const spdlog::details::log_msg& message) override {
-      lines.push_back({message.level, std::string(message.payload.begin(), message.payload.end())});
-    }
-    void flush_() override {}
-    std::vector<LogLine> lines;  // guarded by base_sink's mutex_
-  };
-
   std::shared_ptr<spdlog::logger> logger_;
-  std::shared_ptr<Sink> sink_ = std::make_shared<Sink>();
+  // More lines than any test logs, so none is pushed out.
+  std::shared_ptr<spdlog::sinks::ringbuffer_sink_mt> sink_ =
+      std::make_shared<spdlog::sinks::ringbuffer_sink_mt>(4096);
   spdlog::level::level_enum old_level_;
+  std::size_t cleared_ = 0;
 };
 
 }  // namespace quilma::testing
