@@ -72,7 +72,7 @@ std::string schema_of(const std::filesystem::path& path) {
       "name FROM sqlite_schema ORDER BY 1)");
 }
 
-TEST(OpenReleaseFileTest, MigratesToTheCurrentSchemaAndPageSizeKeepingTheIndex) {
+TEST(OpenReleaseFileTest, MigratesToTheCurrentSchemaKeepingTheIndexOrStopsAndKeepsTheStepsBefore) {
   testing::TempDir dir;
   // A new file is created current, without a rewrite: its pool stays.
   Database created(dir / "new.db");
@@ -112,10 +112,7 @@ TEST(OpenReleaseFileTest, MigratesToTheCurrentSchemaAndPageSizeKeepingTheIndex) 
   Database reopened(dir / "3.db");
   reopened.connect();
   EXPECT_FALSE(reopened.check_integrity());
-}
-
-TEST(OpenSequenceTest, AVersionThatCannotBeMigratedStopsTheOpenAndKeepsTheStepsBefore) {
-  testing::TempDir dir;
+  // A version that cannot be migrated stops the open and keeps the steps before.
   const std::string cases[][3] = {
       // recorded version, error, version after
       {"banana", "is not a dotted version number", "banana"},
@@ -123,7 +120,7 @@ TEST(OpenSequenceTest, AVersionThatCannotBeMigratedStopsTheOpenAndKeepsTheStepsB
       // A table in the way of an index that step 3.1.0 creates.
       {"2.12.0", "from 3.0.0 to 3.1.0 failed", "3.0.0"}};
   for (const auto& [stored, error, after] : cases) {
-    const std::filesystem::path path = dir / (stored + ".db");
+    const std::filesystem::path path = dir / (stored + "-stopped.db");
     make_release_file(path, 1);
     run(path, "UPDATE schema_info SET value = '" + stored + "'; CREATE TABLE idx_symbols_name (x)");
     LogCapture log;

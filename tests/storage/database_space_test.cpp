@@ -20,9 +20,7 @@ namespace quilma::storage {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using testing::LogLine;
-using ::testing::MatchesRegex;
 using Peer = DatabaseTestPeer;
 using Hook = std::function<void(std::string_view)>;
 using namespace std::chrono_literals;
@@ -120,9 +118,10 @@ TEST_F(SpaceTest, FreePagesGoBackInPacedStepsThatAWriterWaitsForOneAtMostAndAClo
   EXPECT_EQ(db.compact(), (Compaction{.pages_released = 5000, .skipped = {}}));
   writer.join();
   EXPECT_LT(std::filesystem::file_size(path_), size_before - 5000 * 8192);
-  EXPECT_THAT(log.texts(spdlog::level::info),
-              ElementsAre(MatchesRegex("Compacted .*/index.db: 5000 free pages released "
-                                       "\\([0-9]+ -> [0-9]+ MiB\\) in [0-9]+\\.[0-9]s")));
+  EXPECT_THAT(
+      log.texts(spdlog::level::info),
+      ElementsAre(::testing::MatchesRegex("Compacted .*/index.db: 5000 free pages released "
+                                          "\\([0-9]+ -> [0-9]+ MiB\\) in [0-9]+\\.[0-9]s")));
   {
     const std::lock_guard hold(mutex);
     ASSERT_GE(steps.size(), 5U);
@@ -242,7 +241,7 @@ TEST_F(SpaceTest, RefusalsAreLoggedOnceAndAFileWithoutAutoVacuumIsConvertedOnceW
     EXPECT_EQ(db.compact(), not_retried);
   }
   EXPECT_THAT(log.texts(spdlog::level::warn),
-              ElementsAre(HasSubstr("skipped: failed: database or disk is full")));
+              ElementsAre(::testing::HasSubstr("skipped: failed: database or disk is full")));
   Database db(path_);
   db.connect();
   free_ = 0;
