@@ -72,7 +72,7 @@ std::string schema_of(const std::filesystem::path& path) {
       "name FROM sqlite_schema ORDER BY 1)");
 }
 
-TEST(OpenReleaseFileTest, MigratesToTheCurrentSchemaKeepingTheIndexOrStopsAndKeepsTheStepsBefore) {
+TEST(OpenReleaseFileTest, MigratesKeepingTheIndexStopsOnAFailedStepAndRewritesPagesOnce) {
   testing::TempDir dir;
   // A new file is created current, without a rewrite: its pool stays.
   Database created(dir / "new.db");
@@ -133,13 +133,9 @@ TEST(OpenReleaseFileTest, MigratesToTheCurrentSchemaKeepingTheIndexOrStopsAndKee
               after + "|4096");
     EXPECT_TRUE(log.lines().empty());  // neither the version line nor a rewrite
   }
-}
-
-// The page rewrite, on a file whose pages are smaller. Each open checks that the rewrite closed
-// the pool it found and opened a new one, whatever became of the file, and returns the page size
-// and journal mode it left.
-TEST(RewritePagesTest, RunsOnceWithRoomWithTheReadersClosedAroundItAndOpenAgainWhatever) {
-  testing::TempDir dir;
+  // The page rewrite runs once with room, on a file whose pages are smaller. Each open checks
+  // that it closed the pool it found and opened a new one, whatever became of the file, and
+  // returns the page size and journal mode it left.
   const std::filesystem::path path = dir / "index.db";
   make_release_file(path, 2);
   const auto open_replacing_pool = [&](const testing::PragmaVeto* veto = nullptr) {
