@@ -58,9 +58,8 @@ class DatabaseIndexTest : public ::testing::Test {
   std::string text_of(const std::string& sql) {
     std::string text;
     for (const sqlite::Row& row : db_.fetchall(sql)) {
-      for (const sqlite::Value& value : row.values()) {
+      for (const auto& value : row.values())
         text += (value.is_null() ? "NULL" : value.as_text()) + "|";
-      }
       text += "\n";
     }
     return text;
@@ -79,26 +78,6 @@ class DatabaseIndexTest : public ::testing::Test {
   Database db_{dir_ / "index.db"};
   std::filesystem::path staging_ = dir_ / "staging.db";
 };
-
-// Statistics themselves are checked through the tool's "stats" command.
-TEST_F(DatabaseIndexTest, ErrorsCountByFileAndClearAllEmptiesOnlyTheIndex) {
-  db_.record_error("a.py", "io_error");
-  db_.record_error("a.py", "");
-  db_.record_error("b.py", PARTIAL_PARSE_ERROR, "unexpected indent", 12);
-  EXPECT_EQ(db_.get_error_count(), 3);  // distinct files
-  db_.clear_file_errors("a.py", "");    // an empty type is a type, not "every type"
-  db_.clear_file_errors("b.py");
-  EXPECT_EQ(rows("index_errors WHERE file_path IN ('a.py', 'b.py')"), 1);
-  const testing::LogCapture log;
-  db_.clear_all();
-  EXPECT_THAT(db_.get_stats(), ::testing::Each(Pair(::testing::_, 0)));
-  EXPECT_EQ(rows("symbols") + rows("external_imports") + rows("code_chunks"), 0);
-  EXPECT_EQ(rows("pending_references") - db_.index_generation(), 1);
-  EXPECT_THAT(log.texts(spdlog::level::info),
-              ElementsAre("clear_all: cleared all index data (rows removed: {'edges': 9, "
-                          "'external_imports': 3, 'symbols': 12, 'files': 3, 'components': 1, "
-                          "'index_errors': 2})"));
-}
 
 TEST_F(DatabaseIndexTest, SwapReplacesTheIndexWithTheStagingBuild) {
   // The staging build's merge setting stays behind: only the full-text index is copied whole.
@@ -167,7 +146,8 @@ TEST_F(DatabaseIndexTest, SwapReplacesTheIndexWithTheStagingBuild) {
               ElementsAre(HasSubstr("skipped: failed: statvfs: Input/output error")));
 }
 
-TEST_F(DatabaseIndexTest, AStagingBuildThatCannotBeSwappedInLeavesTheLiveIndexAsItWas) {
+TEST_F(DatabaseIndexTest,
+       ARefusedOrFailedSwapOrClearLeavesTheIndexAsItWasAndClearAllEmptiesOnlyTheIndex) {
   const std::string refused = "Staging database " + staging_.string();
   bool within = false;  // the swap is called inside the caller's transaction
   const auto adjusted = [&](const char* sql) {
@@ -221,16 +201,14 @@ TEST_F(DatabaseIndexTest, AStagingBuildThatCannotBeSwappedInLeavesTheLiveIndexAs
     EXPECT_EQ(snapshot(), before) << message;
   }
   EXPECT_EQ(rows("x"), 1);
-}
-
-TEST_F(DatabaseIndexTest, ClearAndSwapSurviveTheDiskFillingAtAnyPoint) {
+  // Clearing and swapping survive the disk filling at any point.
   db_.close();
   build_staging(staging_);
   testing::FaultVfs vfs;
   testing::open_fully(db_);
   // The disk fills after 0 bytes, then a step more each time, until the operation goes through.
   const std::pair<std::int64_t, std::function<void()>> operations[] = {
-      {4096, [&] { db_.swap_index_from(staging_); }}, {2048, [&] { db_.clear_all(); }}};
+      {2048, [&] { db_.clear_all(); }}, {4096, [&] { db_.swap_index_from(staging_); }}};
   for (const auto& [step, operation] : operations) {
     const std::string before = snapshot();
     for (std::int64_t failures = 0;; ++failures) {
@@ -250,7 +228,23 @@ TEST_F(DatabaseIndexTest, ClearAndSwapSurviveTheDiskFillingAtAnyPoint) {
     }
     vfs.heal();
   }
-  EXPECT_EQ(rows("files"), 0);
+  // Error records count by file; clearing all empties only the index.
+  db_.record_error("a.py", "io_error");
+  db_.record_error("a.py", "");
+  db_.record_error("b.py", PARTIAL_PARSE_ERROR, "unexpected indent", 12);
+  EXPECT_EQ(db_.get_error_count(), 3);  // distinct files
+  db_.clear_file_errors("a.py", "");    // an empty type is a type, not "every type"
+  db_.clear_file_errors("b.py");
+  EXPECT_EQ(rows("index_errors WHERE file_path IN ('a.py', 'b.py')"), 1);
+  const testing::LogCapture log;
+  db_.clear_all();
+  EXPECT_THAT(db_.get_stats(), ::testing::Each(Pair(::testing::_, 0)));
+  EXPECT_EQ(rows("symbols") + rows("external_imports") + rows("code_chunks"), 0);
+  EXPECT_EQ(rows("pending_references") + db_.index_generation(), 2);  // the swap bumped it
+  EXPECT_THAT(log.texts(spdlog::level::info),
+              ElementsAre("clear_all: cleared all index data (rows removed: {'edges': 9, "
+                          "'external_imports': 3, 'symbols': 12, 'files': 3, 'components': 1, "
+                          "'index_errors': 2})"));
   db_.close();
 }
 

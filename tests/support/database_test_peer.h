@@ -26,15 +26,9 @@ class DatabaseTestPeer {
   }
   static ConnectionLock& lock(Database& db) { return db.lock_; }
   static std::int64_t count(Database& db, std::string_view sql) { return db.count(sql); }
-  static void bump_index_generation(Database& db, sqlite::Cursor* cursor = nullptr) {
-    db.bump_index_generation(cursor);
-  }
   static std::int64_t release_free_pages(Database& db) { return db.release_free_pages(); }
   static bool shrink_file(Database& db, std::chrono::milliseconds patience) {
     return db.shrink_file(patience);
-  }
-  static Compaction convert_to_incremental(Database& db, const detail::Space& measured) {
-    return db.convert_to_incremental(measured);
   }
 };
 
