@@ -19,6 +19,8 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "support/database_test_peer.h"
 #include "support/error_of.h"
@@ -269,17 +271,28 @@ TEST_F(DatabaseTest, AnotherProcesssWriteLetsReadsThroughAndMakesWritesWait) {
   db_.close();
   const std::string wal = path_.string() + "-wal";
   const std::string before = testing::bytes_of(path_) + testing::bytes_of(wal);
-  const std::string holder = read_symlink(std::filesystem::path("/proc/self/exe")).parent_path() /
-                             "lock_holder";  // built beside this test
-  // Another process holds the write lock until told (past the busy timeout), then for 300 ms.
+  // Another process holds the write lock until told (past the busy timeout), then for 300 ms,
+  // and commits before it lets go: a snapshot taken before that cannot be written from after it.
   for (const bool until_told : {true, false}) {
-    const std::string release = until_told ? (dir_ / "release").string() : "300";
-    FILE* other = ::popen((holder + " " + path_.string() + " " + release).c_str(), "r");
-    const auto says = [other] {
-      std::array<char, 16> line{};
-      return std::string(std::fgets(line.data(), line.size(), other) ? line.data() : "");
-    };
-    ASSERT_EQ(says(), "locked\n");
+    const std::filesystem::path release = dir_ / (until_told ? "release" : "never made");
+    int said[2];  // the other process writes a byte once it holds the lock, one once it let go
+    ASSERT_EQ(::pipe(said), 0);
+    const pid_t other = ::fork();
+    if (other == 0) {
+      sqlite3* raw = nullptr;
+      bool ok = sqlite3_open(path_.c_str(), &raw) == SQLITE_OK &&
+                sqlite3_busy_timeout(raw, 5000) == SQLITE_OK &&
+                sqlite3_exec(raw, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK &&
+                ::write(said[1], "l", 1) == 1;
+      for (int waited = 0; waited < (until_told ? 3000 : 30) && !exists(release); ++waited)
+        std::this_thread::sleep_for(10ms);
+      ok = ok && sqlite3_exec(raw, "CREATE TABLE IF NOT EXISTS holder (n); COMMIT", nullptr,
+                              nullptr, nullptr) == SQLITE_OK;
+      std::_Exit(ok && sqlite3_close(raw) == SQLITE_OK && ::write(said[1], "r", 1) == 1 ? 0 : 1);
+    }
+    ::close(said[1]);
+    char byte = 0;
+    ASSERT_EQ(::read(said[0], &byte, 1), 1) << "the other process took no lock";
     const auto started = std::chrono::steady_clock::now();
     Database db(path_);  // a process that opens the file afresh
     testing::open_fully(db);
@@ -299,8 +312,11 @@ TEST_F(DatabaseTest, AnotherProcesssWriteLetsReadsThroughAndMakesWritesWait) {
       });
       EXPECT_GE(std::chrono::steady_clock::now() - started, 150ms);  // it did wait
     }
-    EXPECT_EQ(says(), "released\n");
-    EXPECT_EQ(::pclose(other), 0);
+    EXPECT_EQ(::read(said[0], &byte, 1), 1);
+    ::close(said[0]);
+    int status = -1;
+    EXPECT_EQ(::waitpid(other, &status, 0), other);
+    EXPECT_EQ(status, 0);
   }
 }
 
