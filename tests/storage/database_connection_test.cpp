@@ -1,5 +1,6 @@
 // The connections to an index file: the writer, its transactions, the reader pool and the
 // reads beside them, also on other threads and in other processes.
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -15,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,7 +27,6 @@
 #include "support/database_test_peer.h"
 #include "support/error_of.h"
 #include "support/index_builder.h"
-#include "support/statement_trace.h"
 #include "support/temp_dir.h"
 
 #include "quilma/sqlite/error.h"
@@ -72,7 +73,25 @@ class DatabaseTest : public ::testing::Test {
     return cursor.execute("SELECT COUNT(*) FROM t").fetchone().value()[0].as_int();
   }
   bool in_transaction() { return sqlite3_get_autocommit(db_.connection().handle()) == 0; }
+  // Records the statements that start on the writer from now on, on any thread.
+  void trace_writer() {
+    const auto record = [](unsigned, void* self, void* statement, void*) {
+      auto* test = static_cast<DatabaseTest*>(self);
+      const char* sql = sqlite3_sql(static_cast<sqlite3_stmt*>(statement));
+      const std::lock_guard hold(test->traced_mutex_);
+      test->traced_.emplace_back(sql != nullptr ? sql : "");
+      return 0;
+    };
+    sqlite3_trace_v2(db_.connection().handle(), SQLITE_TRACE_STMT, record, this);
+  }
+  // What the writer ran since the trace began or was last cleared.
+  Strings traced(bool clear = false) {
+    const std::lock_guard hold(traced_mutex_);
+    return clear ? std::exchange(traced_, {}) : traced_;
+  }
 
+  std::mutex traced_mutex_;  // declared before db_, which may run statements until it goes
+  Strings traced_;           // guarded by traced_mutex_
   testing::ScopedEnv readers_env_{"QUILMA_DB_READERS", nullptr};
   testing::TempDir dir_;
   std::filesystem::path path_ = dir_ / "repo" / "codebase-index" / "index.db";
@@ -82,7 +101,7 @@ class DatabaseTest : public ::testing::Test {
 TEST_F(DatabaseTest, NestedLevelsSendOneBeginAndOneCommitAndFailuresLeaveNoTransaction) {
   open();
   db_.execute("CREATE TABLE child (id INTEGER REFERENCES t (id) DEFERRABLE INITIALLY DEFERRED)");
-  testing::StatementTrace trace(db_.connection().handle());
+  trace_writer();
   const int depth = db_.transaction([&](Cursor& outer) {
     outer.execute("INSERT INTO t (v) VALUES ('a')");
     EXPECT_THROW(db_.transaction([&](Cursor& inner) {  // the outer level goes on
@@ -93,8 +112,8 @@ TEST_F(DatabaseTest, NestedLevelsSendOneBeginAndOneCommitAndFailuresLeaveNoTrans
     return db_.transaction([&](Cursor&) { return Peer::tx_depth(db_); });
   });
   EXPECT_EQ(depth, 2);
-  EXPECT_EQ(trace.statements(), (Strings{"BEGIN IMMEDIATE", "INSERT INTO t (v) VALUES ('a')",
-                                         "INSERT INTO t (v) VALUES ('b')", "COMMIT"}));
+  EXPECT_EQ(traced(), (Strings{"BEGIN IMMEDIATE", "INSERT INTO t (v) VALUES ('a')",
+                               "INSERT INTO t (v) VALUES ('b')", "COMMIT"}));
   // A failing body (with what joined it), a failing COMMIT, a lost cursor.
   const std::vector<std::function<void(Cursor&)>> bodies = {
       [&](Cursor& cursor) {
@@ -163,9 +182,9 @@ TEST_F(DatabaseTest, CloseAndPoolLessQueriesWaitForAnotherThreadsTransaction) {
 TEST_F(DatabaseTest, ReadsSeeOneStateWithoutWaitingForWritesAndUseTheWriterOnlyWhenTheyMust) {
   open();
   db_.execute("INSERT INTO t (v) VALUES ('committed')");
-  testing::StatementTrace writer(db_.connection().handle());
+  trace_writer();
   EXPECT_EQ(db_.fetchall("  \n select 5").size() + db_.fetchall("pragma user_version;").size(), 2U);
-  EXPECT_TRUE(writer.statements().empty());
+  EXPECT_TRUE(traced().empty());
 
   // Another thread neither waits for this one's transaction nor sees inside it, and its read
   // keeps the state it began with past a commit; this thread sees its own writes.
@@ -191,10 +210,10 @@ TEST_F(DatabaseTest, ReadsSeeOneStateWithoutWaitingForWritesAndUseTheWriterOnlyW
   });
   committed.count_down();
   EXPECT_EQ(other.get(), (Strings{"1", "1", "1", "attempt to write a readonly database"}));
-  writer.clear();
+  traced(true);
   const std::string with_insert = "WITH x(v) AS (VALUES ('w')) INSERT INTO t (v) SELECT v FROM x";
   EXPECT_TRUE(db_.fetchall(with_insert).empty());  // refused by a read connection
-  EXPECT_EQ(writer.statements(), Strings{with_insert});
+  EXPECT_EQ(traced(), Strings{with_insert});
 
   // Every read connection leased, or none to be had: queries and reads go to the writer.
   for (const bool closed : {false, true}) {
@@ -203,18 +222,18 @@ TEST_F(DatabaseTest, ReadsSeeOneStateWithoutWaitingForWritesAndUseTheWriterOnlyW
     if (closed) pool->close();
     if (!closed) lease.emplace(pool->lease());
     Peer::set_readers(db_, pool);
-    writer.clear();
+    traced(true);
     EXPECT_EQ(rows() + db_.read(count), 6);
-    EXPECT_EQ(writer.count("SELECT COUNT(*) FROM t"), 2) << closed;
+    EXPECT_EQ(std::ranges::count(traced(), "SELECT COUNT(*) FROM t"), 2) << closed;
     db_.execute("DELETE FROM t WHERE v = 'x'");  // writable again after the read
   }
 
   // Other read errors are not retried on the writer.
   Peer::set_readers(db_, std::make_shared<ReaderPool>(path_, 1));
-  writer.clear();
+  traced(true);
   EXPECT_EQ(error_of<sqlite::OperationalError>([&] { db_.fetchone("SELECT abs(-1 << 63)"); }),
             "integer overflow");  // fails as it runs: a retry on the writer would be traced
-  EXPECT_TRUE(writer.statements().empty());
+  EXPECT_TRUE(traced().empty());
   // Nor is a read whose read connection fails to begin for another reason.
   const auto begun = [](sqlite::Connection& reader) { reader.cursor().execute("BEGIN"); };
   Peer::set_readers(db_, std::make_shared<ReaderPool>(path_, 1, begun));

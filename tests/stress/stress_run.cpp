@@ -116,9 +116,8 @@ struct Role {
   // Opens the file (again) until that works; false when the time ran out first.
   bool open() {
     db.emplace(dir / "index.db");
-    while (Clock::now() < end) {
+    while (Clock::now() < end)
       if (timed("open", [&] { testing::open_fully(*db); })) return true;
-    }
     return false;
   }
 

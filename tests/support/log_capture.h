@@ -47,9 +47,8 @@ class LogCapture {
   // The texts of the lines at `level`.
   std::vector<std::string> texts(spdlog::level::level_enum level) const {
     std::vector<std::string> texts;
-    for (const LogLine& line : lines()) {
+    for (const LogLine& line : lines())
       if (line.level == level) texts.push_back(line.text);
-    }
     return texts;
   }
   void clear() { cleared_ = sink_->last_raw().size(); }

@@ -51,11 +51,7 @@ class ScopedEnv {
 
  private:
   void set(const char* value) {
-    if (value != nullptr) {
-      ::setenv(name_.c_str(), value, 1);
-    } else {
-      ::unsetenv(name_.c_str());
-    }
+    value != nullptr ? ::setenv(name_.c_str(), value, 1) : ::unsetenv(name_.c_str());
   }
 
   std::string name_;
