@@ -12,6 +12,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
 #include <sys/file.h>
@@ -282,7 +283,7 @@ TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
        "2 malformed search query \"std::vector\" (no such column: std); put text with "
        "punctuation in double quotes, as in '\"std::vector\"', or search for it literally with "
        "-w or -s\n"},
-      {{"search", "\"open", repo}, "2 malformed search query \"\"open\""},
+      {{"search", R"("open)", repo}, R"(2 malformed search query ""open")"},
       {{"swap", empty + "/absent.db", repo}, "1 swap: Staging database not found: " + empty},
       {{"search", "-w", "-s", "--", "\"std::vector", repo}, "0 "}};  // a literal text is not parsed
   for (const auto& [args, said] : cases) {
@@ -333,7 +334,7 @@ TEST(LiteralSearchTest, FindsTheLinesThatGitGrepFinds) {
   for (const std::string term : {"send_file", "SendFile", "SEND_FILE", "nlohmann::json", "json",
                                  "a::b", "W\xc3\xb6rld", "x1", "_x", "file", "::json", "("}) {
     for (const auto& [search, grep] : {std::pair{"-s", ""}, {"-w", "-i "}}) {
-      const std::string out = shell(git + "grep -n -w -I -F " + grep + "-e '" + term + "'");
+      const std::string out = shell(fmt::format("{}grep -n -w -I -F {}-e '{}'", git, grep, term));
       const std::set<std::string> expected = located(out.substr(out.find(' ') + 1));
       grepped += expected.size();
       const Args literal{"search", "-w", search, "--all", "--", term, dir.path().string()};
@@ -347,7 +348,8 @@ TEST(SourceFileTest, ChunksCoverEveryLineOnce) {
   // The first lines of a file, with a final newline and without: chunks of 50 lines (the last
   // one fewer), each starting where the one before ended, give the text back.
   const std::string lines = python_with("", 7);
-  for (std::int64_t count = 0, end = 0; count <= 120; ++count, end = lines.find('\n', end) + 1) {
+  for (std::int64_t count = 0, end = 0; count <= 120;
+       ++count, end = static_cast<std::int64_t>(lines.find('\n', end)) + 1) {
     for (const std::string& text : {lines.substr(0, end), lines.substr(0, end ? end - 1 : 0)}) {
       std::string joined;
       std::int64_t next = 1;

@@ -142,7 +142,7 @@ TEST_F(DatabaseTest, NestedLevelsSendOneBeginAndOneCommitAndFailuresLeaveNoTrans
 
 TEST_F(DatabaseTest, CloseAndPoolLessQueriesWaitForAnotherThreadsTransaction) {
   const auto refusal = [&] {
-    const std::string message = error_of<std::runtime_error>([&] { db_.execute("SELECT 1"); });
+    std::string message = error_of<std::runtime_error>([&] { db_.execute("SELECT 1"); });
     EXPECT_EQ(error_of<std::runtime_error>([&] { db_.read(count); }), message);
     return message;
   };
@@ -261,7 +261,8 @@ TEST_F(DatabaseTest, PoolLeasesWaitForAConnectionAndCloseWaitsForAllLeasesThenRe
         auto lease = pool.lease();
         ++active;
         auto cursor = lease.connection().cursor();
-        served += (*cursor.execute("SELECT path_glob('*/*', v) FROM t").fetchone())[0].as_int();
+        served += static_cast<int>(
+            (*cursor.execute("SELECT path_glob('*/*', v) FROM t").fetchone())[0].as_int());
         --active;
       } catch (const ReaderUnavailable& error) {
         if (std::string(error.what()).ends_with("are closed")) return;

@@ -183,7 +183,7 @@ TEST_F(DatabaseIndexTest,
     std::filesystem::remove(staging_);
     within = false;
     make();
-    const auto swap = [&] {
+    const auto swap = [&, &message = message] {  // a binding, captured by name
       if (!within) return (void)db_.swap_index_from(staging_);
       db_.transaction([&](sqlite::Cursor& cursor) {
         cursor.execute("INSERT INTO x VALUES ('kept')");

@@ -117,7 +117,7 @@ TEST_F(SpaceTest, FreePagesGoBackInPacedStepsThatAWriterWaitsForOneAtMostAndAClo
   });
   EXPECT_EQ(db.compact(), (Compaction{.pages_released = 5000, .skipped = {}}));
   writer.join();
-  EXPECT_LT(std::filesystem::file_size(path_), size_before - 5000 * 8192);
+  EXPECT_LT(std::filesystem::file_size(path_), size_before - std::uintmax_t{5000} * 8192);
   EXPECT_THAT(
       log.texts(spdlog::level::info),
       ElementsAre(::testing::MatchesRegex("Compacted .*/index.db: 5000 free pages released "
@@ -166,7 +166,7 @@ TEST_F(SpaceTest, ShrinkingWaitsForReadersOnOlderSnapshotsWithTheWriterFree) {
   EXPECT_EQ(shrunk.wait_for(0s), std::future_status::timeout);
   snapshot.execute("ROLLBACK");
   EXPECT_TRUE(shrunk.get());
-  EXPECT_LT(std::filesystem::file_size(path_), size_before - 3000 * 8192);
+  EXPECT_LT(std::filesystem::file_size(path_), size_before - std::uintmax_t{3000} * 8192);
   EXPECT_EQ(std::filesystem::file_size(path_.string() + "-wal"), 0U);
   EXPECT_TRUE(log.lines().empty());
 

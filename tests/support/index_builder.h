@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include <fmt/format.h>
 #include <sqlite3.h>
 
 #include "quilma/storage/core_schema.h"
@@ -43,8 +44,7 @@ inline void fill_index(sqlite::Cursor& cursor, const std::string& tag, std::int6
     const std::string name = tag + "_" + std::to_string(f);
     const std::int64_t component = f - (f - first) % 50;
     if (component == f) components.push_back({f, name + "_component"});
-    files.push_back(
-        {f, tag + "/dir" + std::to_string(f % 17) + "/" + name + ".py", tag, component});
+    files.push_back({f, fmt::format("{}/dir{}/{}.py", tag, f % 17, name), tag, component});
     for (std::int64_t s = 0; s < 4; ++s) {
       symbols.push_back({f * 4 + s, f, s == 0 ? name + ".py" : name + "_fn" + std::to_string(s),
                          s == 0 ? "file" : "function", s * 20 + 1});
@@ -56,7 +56,7 @@ inline void fill_index(sqlite::Cursor& cursor, const std::string& tag, std::int6
       std::string text;
       for (std::int64_t line = 0; line < 12; ++line) {
         const std::string n = std::to_string((f * 13 + line) % 4999);
-        text += "def " + tag + "_fn" + n + "(arg):\n    return helper_" + n + "(arg)\n";
+        text += fmt::format("def {}_fn{}(arg):\n    return helper_{}(arg)\n", tag, n, n);
       }
       chunks.push_back({storage::core_schema::chunk_rowid(f, c), text, c * 24 + 1, c * 24 + 24});
     }

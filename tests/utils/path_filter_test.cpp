@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "support/error_of.h"
@@ -50,7 +51,7 @@ TEST(PathFilterTest, GlobsMatchWholePathsSegmentBySegmentEscapesAreLiteralAndSql
   for (const std::string& c : chars) {
     const std::string e = "\\" + c;
     SCOPED_TRACE(c);
-    EXPECT_TRUE(glob_match(e + "x" + e, c + "x" + c));
+    EXPECT_TRUE(glob_match(fmt::format("{0}x{0}", e), fmt::format("{0}x{0}", c)));
     EXPECT_FALSE(glob_match(e + "x", "\x01x"));
     EXPECT_TRUE(glob_match("[" + e + "]x", c + "x"));
     EXPECT_TRUE(glob_match("[!" + e + "]x", (c == "y" ? "z" : "y") + std::string("x")));
