@@ -18,6 +18,8 @@ Cursor::Cursor(Cursor&& other) noexcept
       statement_(std::exchange(other.statement_, nullptr)),
       on_row_(std::exchange(other.on_row_, false)),
       rowcount_(other.rowcount_),
+      lastrowid_(other.lastrowid_),
+      columns_(std::move(other.columns_)),
       closed_(std::exchange(other.closed_, true)),
       detached_(other.detached_),
       buffered_(std::move(other.buffered_)),
@@ -30,6 +32,8 @@ Cursor& Cursor::operator=(Cursor&& other) noexcept {
     statement_ = std::exchange(other.statement_, nullptr);
     on_row_ = std::exchange(other.on_row_, false);
     rowcount_ = other.rowcount_;
+    lastrowid_ = other.lastrowid_;
+    columns_ = std::move(other.columns_);
     closed_ = std::exchange(other.closed_, true);
     detached_ = other.detached_;
     buffered_ = std::move(other.buffered_);
@@ -53,7 +57,11 @@ void Cursor::begin(std::string_view sql) {
   detail::ConnectionState& state = usable_state();
   release_statement();
   rowcount_ = -1;
+  columns_.reset();
   statement_ = state.acquire(sql);
+  if (statement_->handle() != nullptr && !statement_->columns()->empty()) {
+    columns_ = statement_->columns();
+  }
 }
 
 void Cursor::bind(const Params& params) {
@@ -167,6 +175,7 @@ Cursor& Cursor::execute(std::string_view sql, const Params& params) {
     throw;
   }
   step();
+  lastrowid_ = sqlite3_last_insert_rowid(state_->db());
   return *this;
 }
 

@@ -41,6 +41,12 @@ class Cursor {
   // Rows changed by the last INSERT, UPDATE, DELETE or REPLACE (summed over executemany);
   // -1 after any other statement and before the first.
   std::int64_t rowcount() const noexcept { return rowcount_; }
+  // The connection's last inserted rowid as it stood after the last execute(); std::nullopt
+  // before the first.
+  std::optional<std::int64_t> lastrowid() const noexcept { return lastrowid_; }
+  // The result columns of the last statement, rows or none; null before the first, and after
+  // a statement without result columns.
+  const std::shared_ptr<const Row::Columns>& columns() const noexcept { return columns_; }
 
   void close() noexcept;  // idempotent
 
@@ -64,6 +70,8 @@ class Cursor {
   detail::Statement* statement_ = nullptr;
   bool on_row_ = false;  // statement_ stands on a row that no fetch has returned yet
   std::int64_t rowcount_ = -1;
+  std::optional<std::int64_t> lastrowid_;
+  std::shared_ptr<const Row::Columns> columns_;
   bool closed_ = false;
   bool detached_ = false;
   std::vector<Row> buffered_;  // rows read ahead by detach()

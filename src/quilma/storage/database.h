@@ -252,6 +252,53 @@ class Database {
     std::optional<sqlite::Cursor> cursor_;
   };
 
+ public:
+  // A transaction level, or a read snapshot, held by an object instead of run around a body:
+  // for callers whose body is not a C++ callable (a language binding's `with` block). The
+  // object is made and destroyed on one thread, and its rules are those of transaction() and
+  // read(). A transaction scope destroyed without commit() rolls back.
+  class TransactionScope {
+   public:
+    explicit TransactionScope(Database& db) : level_(db) {}
+    ~TransactionScope() {
+      if (!ended_) rollback();
+    }
+    TransactionScope(const TransactionScope&) = delete;
+    TransactionScope& operator=(const TransactionScope&) = delete;
+
+    sqlite::Cursor& cursor() { return level_.cursor(); }
+    // COMMIT on the outermost level; when it fails, ROLLBACK, and its error goes on.
+    void commit() {
+      ended_ = true;
+      try {
+        level_.commit();
+      } catch (...) {
+        level_.rollback();
+        throw;
+      }
+    }
+    void rollback() noexcept {
+      ended_ = true;
+      try {
+        level_.rollback();
+      } catch (...) {  // SQLite's own errors are ignored inside; nothing else can be reported
+      }
+    }
+
+   private:
+    TransactionLevel level_;
+    bool ended_ = false;
+  };
+  class ReadScope {
+   public:
+    explicit ReadScope(Database& db) : snapshot_(db) {}
+    sqlite::Cursor& cursor() { return snapshot_.cursor(); }
+
+   private:
+    Snapshot snapshot_;
+  };
+
+ private:
   std::shared_ptr<ReaderPool> open_readers(std::string_view journal_mode) const;
   ReaderPool* readers_for(std::string_view sql) const;
   template <class Fetch>

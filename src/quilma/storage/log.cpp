@@ -2,11 +2,13 @@
 #include "quilma/storage/log.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <mutex>
 #include <typeinfo>
+#include <variant>
 
 #include <cxxabi.h>
 #include <spdlog/sinks/stdout_sinks.h>
@@ -102,7 +104,25 @@ std::string printf_format(std::string_view format) {
   return out;
 }
 
-std::string describe_current_error() {
+namespace {
+std::atomic<std::shared_ptr<RecordSink>> installed_sink;  // NOLINT: the one process-wide hook
+}  // namespace
+
+std::shared_ptr<RecordSink> record_sink() { return installed_sink.load(std::memory_order_acquire); }
+
+void emit_record(RecordSink& sink, std::string_view logger, spdlog::level::level_enum level,
+                 std::string_view format, std::span<LogValue> values, std::exception_ptr error) {
+  constexpr std::string_view ERROR_TAIL = "\n%s";
+  if (error && !values.empty() && format.ends_with(ERROR_TAIL) &&
+      std::holds_alternative<std::string_view>(values.back())) {
+    format.remove_suffix(ERROR_TAIL.size());
+    values = values.first(values.size() - 1);
+  }
+  sink.emit(LogRecord{logger, level, format, values, std::move(error)});
+}
+
+CurrentError describe_current_error() {
+  std::exception_ptr error = std::current_exception();
   std::string kind = "unknown error";
   if (const std::type_info* type = abi::__cxa_current_exception_type()) {
     int status = 0;
@@ -112,11 +132,19 @@ std::string describe_current_error() {
   }
   try {
     throw;
-  } catch (const std::exception& error) {
-    return kind + ": " + error.what();
+  } catch (const std::exception& caught) {
+    return {kind + ": " + caught.what(), std::move(error)};
   } catch (...) {
-    return kind;
+    return {kind, std::move(error)};
   }
 }
 
 }  // namespace quilma::storage::detail
+
+namespace quilma::storage {
+
+std::shared_ptr<RecordSink> set_record_sink(std::shared_ptr<RecordSink> sink) {
+  return detail::installed_sink.exchange(std::move(sink), std::memory_order_acq_rel);
+}
+
+}  // namespace quilma::storage

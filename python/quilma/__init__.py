@@ -1,0 +1,1 @@
+"""The quilma code-indexing service's storage layer, for Python."""

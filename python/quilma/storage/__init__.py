@@ -1,0 +1,1 @@
+"""The storage layer: ``database``, ``reader_pool``, ``migrations`` and ``storage_size``."""
