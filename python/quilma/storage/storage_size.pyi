@@ -1,0 +1,3 @@
+PAGE_SIZE: int
+
+__all__ = ["PAGE_SIZE"]
