@@ -11,6 +11,7 @@ import threading
 
 import pytest
 
+import quilma
 from quilma.storage.database import Database, Row
 from quilma.storage.reader_pool import ReaderPool, ReaderUnavailable
 
@@ -234,6 +235,7 @@ def test_many_threads_mix_every_kind_of_call(tmp_path):
                                            shutil.which("python3") or sys.executable}))
 def test_imports_from_elsewhere_with_each_interpreter(python, tmp_path):
     code = "import quilma.storage.database as d; print(d.Database.__name__)"
+    package_root = os.path.dirname(os.path.dirname(quilma.__file__))
     done = subprocess.run([python, "-c", code], cwd=tmp_path, capture_output=True, text=True,
-                          env={**os.environ, "PYTHONPATH": os.environ.get("PYTHONPATH", "")})
+                          env={**os.environ, "PYTHONPATH": package_root})
     assert done.stdout == "Database\n", done.stderr

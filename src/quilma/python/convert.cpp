@@ -225,6 +225,8 @@ py::object RowMaker::operator()(const sqlite::Row& row) {
 py::object python_error(const std::exception_ptr& error) {
   try {
     std::rethrow_exception(error);
+  } catch (const py::builtin_exception&) {  // pybind11's own (StopIteration) pass on
+    return {};
   } catch (const sqlite::Error& caught) {
     py::object made = sqlite_class(caught)(caught.what());
     made.attr("sqlite_errorcode") = caught.extended_code();
