@@ -45,11 +45,11 @@ py::dict error_names(const py::module_& sqlite3) {
     names[py::int_(code)] = py::str(PRIMARY_NAMES[code]);
   }
   for (const py::handle attribute : sqlite3.attr("__dir__")()) {
-    const std::string name = py::cast<std::string>(attribute);
+    const auto name = py::cast<std::string>(attribute);
     const py::object value = sqlite3.attr(attribute);
     if (!py::isinstance<py::int_>(value)) continue;
     const auto code = py::cast<std::int64_t>(value);
-    const std::size_t primary = static_cast<std::size_t>(code & 0xff);
+    const auto primary = static_cast<std::size_t>(code & 0xff);
     if (code <= 0xff || primary >= PRIMARY_NAMES.size()) continue;
     if (name.starts_with(std::string(PRIMARY_NAMES[primary]) + "_")) names[value] = attribute;
   }
@@ -114,7 +114,7 @@ std::string to_text(py::handle text) {
     return {utf8, static_cast<std::size_t>(size)};
   }
   PyErr_Clear();
-  const py::bytes raw = py::reinterpret_steal<py::bytes>(
+  const auto raw = py::reinterpret_steal<py::bytes>(
       PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogateescape"));
   if (!raw) throw py::error_already_set();
   return raw;
@@ -168,7 +168,7 @@ sqlite::Params to_params(py::handle sequence) {
   if (!PySequence_Check(sequence.ptr()) || PyUnicode_Check(sequence.ptr())) {
     raise_programming_error("parameters are of unsupported type");
   }
-  const py::sequence values = py::reinterpret_borrow<py::sequence>(sequence);
+  const auto values = py::reinterpret_borrow<py::sequence>(sequence);
   sqlite::Params params;
   params.reserve(values.size());
   for (std::size_t i = 0; i < values.size(); ++i) params.push_back(to_value(values[i], i));

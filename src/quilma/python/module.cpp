@@ -237,9 +237,11 @@ class ScopeContext {
   ScopeContext(const ScopeContext&) = delete;
   ScopeContext& operator=(const ScopeContext&) = delete;
   ~ScopeContext() {
-    if (scope_) {
+    if (!scope_) return;
+    try {  // a block never left (its object collected): roll back
       const py::gil_scoped_release release;
       end_scope(false);
+    } catch (...) {  // nothing can report it here
     }
   }
 
@@ -436,7 +438,7 @@ void bind_database(py::module_& module) {
           [](const py::object& self, const py::object& versions) {
             std::map<std::string, std::int64_t> stamp;
             for (const py::handle item : versions.attr("items")()) {
-              const py::tuple pair = py::reinterpret_borrow<py::tuple>(item);
+              const auto pair = py::reinterpret_borrow<py::tuple>(item);
               stamp[to_text(pair[0])] = pair[1].cast<std::int64_t>();
             }
             Database& db = get(self);
@@ -559,6 +561,7 @@ PYBIND11_MODULE(_native, module) {
   module.doc() = "The quilma storage layer, bound for Python.";
   init_conversions(module);
   if (register_row_type(module.ptr()) < 0) throw py::error_already_set();
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): pybind11's translator signature
   py::register_exception_translator([](std::exception_ptr error) {
     if (error && !set_python_error(error)) std::rethrow_exception(error);
   });
