@@ -43,6 +43,7 @@ bench: deps
 	cmake --preset default
 	cmake --build --preset default
 	bench/run
+	PYTHONPATH=build/default/python /usr/bin/python3 bench/python_bench.py
 	bench/index_bench.py
 
 # The index benchmark alone: a generated 20 000-file tree through quilma-db index.
