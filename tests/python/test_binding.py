@@ -12,7 +12,7 @@ import threading
 import pytest
 
 import quilma
-from quilma.storage.database import Database, Row
+from quilma.storage.database import Compaction, Database, Row
 from quilma.storage.reader_pool import ReaderPool, ReaderUnavailable
 
 LOGGER = "quilma.storage.database"
@@ -167,7 +167,8 @@ def test_compact_declines_on_an_asyncio_loop(db):
         return db.compact()
 
     assert "event loop" in asyncio.run(on_loop()).skipped
-    assert db.compact().skipped is None
+    assert db.compact() == Compaction() != Compaction(skipped="x")
+    assert hash(Compaction(False, 0, "x")) == hash(Compaction(skipped="x"))
 
 
 def test_a_thread_waiting_for_the_lock_holds_no_gil(db):
