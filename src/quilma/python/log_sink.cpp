@@ -130,7 +130,7 @@ void install_log_sink(py::module_& module) {
   // `logging` clears its own cache of enabled levels whenever a level changes anywhere.
   const py::object manager = py::module_::import("logging").attr("Logger").attr("manager");
   const py::object clear = manager.attr("_clear_cache");
-  manager.attr("_clear_cache") = py::cpp_function([clear, sink = sink.get()]() {
+  manager.attr("_clear_cache") = py::cpp_function([clear, sink]() {
     clear();
     sink->levels_changed();
   });
