@@ -9,7 +9,7 @@ deps:
 # Indexes this repository into its default database, then shows the index and a search.
 run: deps
 	cmake --preset default
-	cmake --build --preset default --target quilma-db
+	cmake --build --preset default --target quilma-db python_package
 	build/default/quilma-db index .
 	build/default/quilma-db stats .
 	build/default/quilma-db search --limit 5 'swap_index_from' .
