@@ -168,10 +168,15 @@ sqlite::Params to_params(py::handle sequence) {
   if (!PySequence_Check(sequence.ptr()) || PyUnicode_Check(sequence.ptr())) {
     raise_programming_error("parameters are of unsupported type");
   }
-  const auto values = py::reinterpret_borrow<py::sequence>(sequence);
+  const auto values = py::reinterpret_steal<py::object>(PySequence_Fast(sequence.ptr(), ""));
+  if (!values) throw py::error_already_set();
+  const Py_ssize_t size = PySequence_Fast_GET_SIZE(values.ptr());
+  PyObject** items = PySequence_Fast_ITEMS(values.ptr());
   sqlite::Params params;
-  params.reserve(values.size());
-  for (std::size_t i = 0; i < values.size(); ++i) params.push_back(to_value(values[i], i));
+  params.reserve(static_cast<std::size_t>(size));
+  for (Py_ssize_t i = 0; i < size; ++i) {
+    params.push_back(to_value(items[i], static_cast<std::size_t>(i)));
+  }
   return params;
 }
 

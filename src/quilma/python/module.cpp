@@ -602,11 +602,22 @@ PYBIND11_MODULE(_native, module) {
                ", page_size=" + std::to_string(use.page_size) + ")";
       });
 
+  // execute() gives back the cursor itself, as sqlite3's does.
   py::class_<Cursor>(module, "Cursor")
-      .def("execute", &Cursor::execute, py::arg("sql"), py::arg("params") = py::tuple(),
-           py::return_value_policy::reference_internal)
-      .def("executemany", &Cursor::executemany, py::arg("sql"), py::arg("params_list"),
-           py::return_value_policy::reference_internal)
+      .def(
+          "execute",
+          [](const py::object& self, const py::str& sql, const py::object& params) {
+            self.cast<Cursor&>().execute(sql, params);
+            return self;
+          },
+          py::arg("sql"), py::arg("params") = py::tuple())
+      .def(
+          "executemany",
+          [](const py::object& self, const py::str& sql, const py::object& params_list) {
+            self.cast<Cursor&>().executemany(sql, params_list);
+            return self;
+          },
+          py::arg("sql"), py::arg("params_list"))
       .def("fetchone", &Cursor::fetchone)
       .def("fetchall", &Cursor::fetchall)
       .def("__iter__", [](py::object self) { return self; })
