@@ -210,11 +210,33 @@ py::object to_python(const sqlite::Value& value) {
   return py::none();
 }
 
+namespace {
+
+// The keys tuple of a result's column names, shared by every row with those names: the same few
+// queries run again and again. Used with the GIL held, which guards it; its tuples live as long
+// as the process.
+py::handle keys_for(const sqlite::Row::Columns& columns) {
+  constexpr std::size_t KEPT = 64;
+  static std::vector<std::pair<sqlite::Row::Columns, py::handle>> kept;
+  for (const auto& [names, keys] : kept) {
+    if (names == columns) return keys;
+  }
+  py::tuple keys(columns.size());
+  for (std::size_t i = 0; i < columns.size(); ++i) keys[i] = to_python_text(columns[i]);
+  if (kept.size() == KEPT) {
+    kept.front().second.dec_ref();
+    kept.erase(kept.begin());
+  }
+  kept.emplace_back(columns, keys.release());
+  return kept.back().second;
+}
+
+}  // namespace
+
 py::object RowMaker::operator()(const sqlite::Row& row) {
-  if (&row.columns() != columns_) {
+  if (&row.columns() != columns_) {  // rows of one fetch share their columns
     columns_ = &row.columns();
-    keys_ = py::tuple(columns_->size());
-    for (std::size_t i = 0; i < columns_->size(); ++i) keys_[i] = to_python_text((*columns_)[i]);
+    keys_ = keys_for(*columns_);
   }
   const std::vector<sqlite::Value>& values = row.values();
   PyObject* tuple = PyTuple_New(static_cast<Py_ssize_t>(values.size()));

@@ -38,7 +38,7 @@ class RowMaker {
 
  private:
   const sqlite::Row::Columns* columns_ = nullptr;
-  py::tuple keys_;
+  py::handle keys_;
 };
 
 // The Python exception object for a C++ error: sqlite3's class for an SQLite error (with
