@@ -2,10 +2,10 @@
 // an indexer swapping in staging builds of QUILMA_STRESS_FILES files (200, in whole fifties), a
 // daemon committing small transactions into a table of its own, three servers reading without a
 // pause, and short quilma-db read commands. Before them, for a quarter of that time, the
-// indexer and the daemon alone: the swaps' pace without readers. Each role is a process forked
-// from the test: it reports its failures on its standard error, and exits 0 when it did work
-// and nothing failed. The test then checks the daemon's rows, the log's largest size against
-// the file's, the swaps' median against the one without readers, and the file.
+// indexer and the daemon beside processes that only spin: the swaps' pace without readers. Each
+// role is a process forked from the test: it reports its failures on its standard error, and exits
+// 0 when it did work and nothing failed. The test then checks the daemon's rows, the log's largest
+// size against the file's, the swaps' median against the one without readers, and the file.
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -40,8 +40,10 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr double BUSY_TIMEOUT_MS = 5000;  // a write that fails sooner gave up too early
+// The run with readers, and the one without: there four processes take as much of the
+// processors as the readers do, so that only what the readers do to the file tells them apart.
 constexpr std::array ROLES{"indexer", "daemon", "server", "server", "server", "cli"};
-constexpr std::size_t QUIET_ROLES = 2;  // the indexer and the daemon
+constexpr std::array QUIET_ROLES{"indexer", "daemon", "spinner", "spinner", "spinner", "spinner"};
 constexpr std::int64_t MIB = 1048576;
 // What the roles leave in shared memory: per role its count of operations, its largest log and
 // its longest write (ms), then the indexer's swap latencies (ms).
@@ -90,12 +92,13 @@ struct Role {
     ::alarm(std::chrono::duration_cast<std::chrono::seconds>(end - Clock::now()).count() + 180);
     for (int step = 0; Clock::now() < end; ++step) {
       const bool opens = name == "server" ? step % 200 == 0 : step == 0 && name != "cli";
-      if (name != "cli") sample_log();
+      if (name != "cli" && name != "spinner") sample_log();
       if (opens && !open()) break;
       if (name == "indexer") indexer();
       if (name == "daemon") daemon();
       if (name == "server") server();
       if (name == "cli") cli(step);
+      if (name == "spinner") ops += spin();
     }
     fmt::print(stderr,
                "{:<8} {:>8} ops, log at most {:.2f} MiB, longest write {} ms, failures {}\n", name,
@@ -161,6 +164,13 @@ struct Role {
           std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - began).count();
     }
     ++ops;
+  }
+
+  // Processor time, and nothing else.
+  static int spin() {
+    volatile std::uint64_t sum = 0;
+    for (std::uint64_t i = 0; i < 1000000; ++i) sum = sum + i * i;
+    return 1;
   }
 
   // The log's size now; one past max(64 MiB, twice the file's) is a failure.
@@ -285,26 +295,26 @@ TEST(StressRun, ServiceProcessesShareOneIndexFile) {
   std::array<std::int64_t, 2> medians{};
   std::int64_t* results = nullptr;
   // Without readers, then with them: the roles' results and the swaps' latencies.
-  for (const std::size_t roles : {QUIET_ROLES, ROLES.size()}) {
+  for (const bool quiet : {true, false}) {
+    const auto& roles = quiet ? QUIET_ROLES : ROLES;
     results = static_cast<std::int64_t*>(
         ::mmap(nullptr, BYTES, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     std::int64_t* swaps = results + ROLES.size() * SLOTS;
-    const int time = roles == QUIET_ROLES ? std::max(5, seconds / 4) : seconds;
-    std::vector<pid_t> pids(roles);
-    for (std::size_t i = 0; i < roles; ++i) {
+    const int time = quiet ? std::max(5, seconds / 4) : seconds;
+    std::array<pid_t, ROLES.size()> pids{};
+    for (std::size_t i = 0; i < roles.size(); ++i) {
       if ((pids[i] = ::fork()) == 0)
-        std::_Exit(Role(dir.path(), time).run(ROLES[i], results + SLOTS * i, swaps));
+        std::_Exit(Role(dir.path(), time).run(roles[i], results + SLOTS * i, swaps));
       ASSERT_GT(pids[i], 0);
     }
-    for (std::size_t i = 0; i < roles; ++i) {
+    for (std::size_t i = 0; i < roles.size(); ++i) {
       int status = -1;
       ::waitpid(pids[i], &status, 0);
-      EXPECT_EQ(status, 0) << ROLES[i] << " did nothing, failed (see above) or crashed";
+      EXPECT_EQ(status, 0) << roles[i] << " did nothing, failed (see above) or crashed";
     }
-    medians[roles == QUIET_ROLES ? 0 : 1] = median(swaps, results[0]);
-    fmt::print(stderr, "{} swaps, median {} ms\n", results[0],
-               medians[roles == QUIET_ROLES ? 0 : 1]);
-    if (roles == QUIET_ROLES) ::munmap(results, BYTES);
+    medians[quiet ? 0 : 1] = median(swaps, results[0]);
+    fmt::print(stderr, "{} swaps, median {} ms\n", results[0], medians[quiet ? 0 : 1]);
+    if (quiet) ::munmap(results, BYTES);
   }
   // Readers that never pause cost the swap no wait for them.
   EXPECT_LE(medians[1], 2 * medians[0]) << "swap medians without and with readers, ms";
