@@ -137,7 +137,11 @@ struct Role {
   bool open() {
     db.emplace(dir / "index.db");
     while (Clock::now() < end)
-      if (timed("open", [&] { testing::open_fully(*db); })) return true;
+      if (timed("open", [&] {
+            testing::open_fully(*db);
+            base = testing::number(*db, "SELECT COALESCE(MAX(seq), 0) FROM memories");
+          }))
+        return true;
     return false;
   }
 
@@ -188,18 +192,10 @@ struct Role {
   // must see every row committed before it. Between them, the log's size against the file's.
   void daemon() {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    if (ops == 0 && !timed("read", [&] {
-          base = db->fetchone("SELECT name FROM sqlite_schema WHERE name = 'memories'")
-                     ? testing::number(*db, "SELECT COALESCE(MAX(seq), 0) FROM memories")
-                     : 0;
-        })) {
-      return;
-    }
     const std::int64_t seq = base + ops + 1;
     std::int64_t seen = base + ops;
     const bool wrote = timed("write", [&] {
       db->transaction([&](sqlite::Cursor& cursor) {
-        cursor.execute("CREATE TABLE IF NOT EXISTS memories (seq INTEGER PRIMARY KEY, note)");
         if (seq % 2 == 0) {
           seen = (*cursor.execute("SELECT COUNT(*) FROM memories").fetchone())[0].as_int();
           cursor.execute("UPDATE memories SET note = note || '.' WHERE seq = ?", {seq - 1});
@@ -270,7 +266,7 @@ struct Role {
   std::int64_t largest_log = 0;    // bytes
   std::int64_t longest_write = 0;  // ms
   std::int64_t* swap_ms = nullptr;
-  std::int64_t base = 0;  // the daemon's rows from before it began
+  std::int64_t base = 0;  // rows of the daemon's table when it opened the file
   std::map<std::string, int> failures;
   std::int64_t last_generation = 0;
 };
@@ -287,18 +283,20 @@ TEST(StressRun, ServiceProcessesShareOneIndexFile) {
   const testing::TempDir dir;
   {
     Role seed(dir.path(), seconds);
+    seed.db.emplace(dir / "index.db");
+    testing::open_fully(*seed.db);
+    seed.db->execute("CREATE TABLE memories (seq INTEGER PRIMARY KEY, note)");
     ASSERT_TRUE(seed.open());
     seed.indexer();
     ASSERT_EQ(seed.ops, 1);
   }
   constexpr std::size_t BYTES = (ROLES.size() * SLOTS + MAX_SWAPS) * sizeof(std::int64_t);
   std::array<std::int64_t, 2> medians{};
-  std::int64_t* results = nullptr;
+  auto* results = static_cast<std::int64_t*>(
+      ::mmap(nullptr, BYTES, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   // Without readers, then with them: the roles' results and the swaps' latencies.
   for (const bool quiet : {true, false}) {
     const auto& roles = quiet ? QUIET_ROLES : ROLES;
-    results = static_cast<std::int64_t*>(
-        ::mmap(nullptr, BYTES, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     std::int64_t* swaps = results + ROLES.size() * SLOTS;
     const int time = quiet ? std::max(5, seconds / 4) : seconds;
     std::array<pid_t, ROLES.size()> pids{};
@@ -314,7 +312,6 @@ TEST(StressRun, ServiceProcessesShareOneIndexFile) {
     }
     medians[quiet ? 0 : 1] = median(swaps, results[0]);
     fmt::print(stderr, "{} swaps, median {} ms\n", results[0], medians[quiet ? 0 : 1]);
-    if (quiet) ::munmap(results, BYTES);
   }
   // Readers that never pause cost the swap no wait for them.
   EXPECT_LE(medians[1], 2 * medians[0]) << "swap medians without and with readers, ms";
