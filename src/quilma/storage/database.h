@@ -97,9 +97,9 @@ inline constexpr int CHECKPOINT_FRAMES = 1000;
 // A log larger than this that readers keep from being copied whole is restarted by the next
 // writer that commits: it waits up to LOG_RESTART_PATIENCE for the readers of older snapshots
 // (holding the file's write lock, so other writers wait as long, plus the copy), and after a
-// wait in vain no writer tries again for LOG_RESTART_RETRY.
+// wait in vain no writer tries again for LOG_RESTART_RETRY, unless the log is twice as large.
 inline constexpr std::int64_t LOG_RESTART_BYTES = 16LL * 1024 * 1024;
-inline constexpr std::chrono::milliseconds LOG_RESTART_PATIENCE{200};
+inline constexpr std::chrono::milliseconds LOG_RESTART_PATIENCE{500};
 inline constexpr std::chrono::milliseconds LOG_RESTART_RETRY{1000};
 }  // namespace detail
 

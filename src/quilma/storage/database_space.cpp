@@ -277,8 +277,10 @@ int Database::on_commit(void* self, sqlite3* handle, const char* schema, int fra
   // (its commit leaves it to the next writer), and after a wait in vain the writers leave the
   // log alone for a while rather than each waiting in turn.
   const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-  if (static_cast<std::int64_t>(log) * page_size_of(handle) < detail::LOG_RESTART_BYTES ||
-      now < db.next_log_restart_.load(std::memory_order_acquire)) {
+  const std::int64_t bytes = static_cast<std::int64_t>(log) * page_size_of(handle);
+  if (bytes < detail::LOG_RESTART_BYTES ||
+      (bytes < 2 * detail::LOG_RESTART_BYTES &&
+       now < db.next_log_restart_.load(std::memory_order_acquire))) {
     return SQLITE_OK;
   }
   sqlite3_busy_timeout(handle, static_cast<int>(detail::LOG_RESTART_PATIENCE.count()));
