@@ -203,10 +203,12 @@ TEST_F(SpaceTest, TheLogIsShrunkWithoutWaitingAndRestartedByAWriterWhenReadersNe
   std::uintmax_t largest = 0;
   {
     const std::jthread first(read, 0), second(read, 1);
-    largest = write_mib(40);
+    largest = write_mib(48);
     done = true;
   }
-  EXPECT_LT(largest, detail::LOG_RESTART_BYTES + 2 * MiB);
+  // Past its bound it is restarted at once, or (a reader held up longer than the writer waits)
+  // before it is twice as large.
+  EXPECT_LT(largest, 2 * detail::LOG_RESTART_BYTES + 2 * MiB);
 }
 
 TEST_F(SpaceTest, RefusalsAreLoggedOnceAndAFileWithoutAutoVacuumIsConvertedOnceWhenItMay) {
