@@ -23,6 +23,7 @@
 
 #include "quilma/cli/indexer.h"
 #include "quilma/cli/source_file.h"
+#include "quilma/storage/database.h"
 #include "quilma/utils/utf8.h"
 
 namespace quilma::cli {
@@ -146,9 +147,11 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
   expect_outputs(before);
   EXPECT_EQ(ls(), "0 index.db\n");
 
-  // Staging files of runs that did not end are removed; one that a run still holds is not.
-  for (const std::string name : {"dead01", "dead01-wal", "live01"})
-    write(index_ / ("index.db.staging-" + name), "x");
+  // Staging files of runs that did not end are removed; one that a run still holds is not, nor
+  // a file of that name that this tool did not make.
+  for (const std::string name : {"dead01", "dead01-wal", "live01", "mine01", "dead01.txt"})
+    write(index_ / ("index.db.staging-" + name),
+          name.starts_with("dead01") ? std::string("SQLite format 3\0", 16) : "x");
   const int live = ::open((index_ / "index.db.staging-live01").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::flock(live, LOCK_EX), 0);
   const Result indexed = in_repo({"index", "--json"});
@@ -157,7 +160,9 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
   EXPECT_NE(indexed.told.find("removed " + index_.string() +
                               "/index.db.staging-dead01 (0.0 MiB), left by an indexing run that"),
             std::string::npos);
-  EXPECT_EQ(ls(), "0 index.db\nindex.db.staging-live01\n");
+  EXPECT_EQ(ls(),
+            "0 index.db\nindex.db.staging-dead01.txt\nindex.db.staging-live01\n"
+            "index.db.staging-mine01\n");
   const json report = json::parse(indexed.out);
   EXPECT_EQ(json({report["files"], report["errors"], report["generation"]}), json({6, 4, 2}));
   expect_outputs(
@@ -249,8 +254,9 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
   EXPECT_EQ(all.told + std::to_string(split(all.out).size()), "0 119");
 }
 
-// An index this user may not write, in a directory it may not write either: searched all the
-// same, and left byte for byte as it was.
+// An index this user may not write, in a directory it may not write either: searched through
+// the log that a process of its owner's shares, refused while none does (the owner could
+// rewrite it meanwhile), and left byte for byte as it was.
 TEST_F(IndexedRepoTest, AnIndexThatCannotBeWrittenIsSearched) {
   const std::string before = shell("cat " + (index_ / "index.db").string());
   std::string command = QUILMA_DB_EXECUTABLE;
@@ -261,7 +267,17 @@ TEST_F(IndexedRepoTest, AnIndexThatCannotBeWrittenIsSearched) {
     command = "setpriv --reuid=65534 --regid=65534 --clear-groups " + (dir_ / "quilma-db").string();
   }
   ASSERT_EQ(shell("chmod a-w " + index_.string() + " " + index_.string() + "/index.db"), "0 ");
-  EXPECT_EQ(shell(command + " search plantedIdentifier " + repo_.string()), "0 " + PLANTED);
+  const std::string search = command + " search plantedIdentifier " + repo_.string();
+  const std::string refused = shell(search + " 2>&1");
+  EXPECT_TRUE(refused.starts_with("256 quilma-db: search: Cannot read " + index_.string() +
+                                  "/index.db safely: this process may not write it or its "
+                                  "directory, and no process that may has it open"))
+      << refused;
+  {
+    storage::Database owner(index_ / "index.db");
+    owner.connect();
+    EXPECT_EQ(shell(search), "0 " + PLANTED);
+  }
   ASSERT_EQ(shell("chmod u+w " + index_.string()), "0 ");
   EXPECT_EQ(ls(), "0 index.db\n");
   EXPECT_EQ(shell("cat " + (index_ / "index.db").string()), before);

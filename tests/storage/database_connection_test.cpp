@@ -27,6 +27,7 @@
 #include "support/database_test_peer.h"
 #include "support/error_of.h"
 #include "support/index_builder.h"
+#include "support/other_user.h"
 #include "support/temp_dir.h"
 
 #include "quilma/sqlite/error.h"
@@ -152,6 +153,19 @@ TEST_F(DatabaseTest, CloseAndPoolLessQueriesWaitForAnotherThreadsTransaction) {
   testing::ScopedEnv none("QUILMA_DB_READERS", "0");
   open();
   ASSERT_EQ(Peer::readers(db_), nullptr);
+  // On the writer, a read() inside a read() joins it, and neither can lift query_only.
+  const auto attempts = [&](Cursor& cursor) {
+    return Strings{
+        std::to_string(count(cursor)),
+        error_of<sqlite::Error>([&] { cursor.execute("PRAGMA query_only=OFF"); }),
+        error_of<sqlite::Error>([&] { cursor.execute("INSERT INTO t (v) VALUES ('w')"); })};
+  };
+  const Strings refused{"0", "not authorized", "attempt to write a readonly database"};
+  EXPECT_EQ(db_.read([&](Cursor& outer) {
+    EXPECT_EQ(db_.read(attempts), refused);
+    return attempts(outer);
+  }),
+            refused);
   std::future<std::int64_t> other;
   EXPECT_THROW(db_.transaction([&](Cursor& cursor) {
     cursor.execute("INSERT INTO t (v) VALUES ('rolled back')");
@@ -166,17 +180,69 @@ TEST_F(DatabaseTest, CloseAndPoolLessQueriesWaitForAnotherThreadsTransaction) {
   EXPECT_THROW(db_.transaction([&](Cursor&) { db_.close(); }), sqlite::ProgrammingError);
   EXPECT_EQ(refusal(), "Database is closed.");
   EXPECT_EQ(Peer::tx_depth(db_), 0);
+}
+
+// Queries on other threads while the database is connected anew, and a close that races a
+// connect while a body on a pool's lease writes through the writer.
+TEST_F(DatabaseTest, ReconnectsAndClosesWhileOtherThreadsQueryAndWrite) {
   open();
-  std::future<void> closer;  // a close that waits also closes a pool installed meanwhile
-  ReaderPool* installed = nullptr;
-  db_.transaction([&](Cursor&) {
-    closer = std::async(std::launch::async, [&] { db_.close(); });
-    while (Peer::lock(db_).waiting() == 0) std::this_thread::yield();
-    // What a page rewrite under the lock does: a new pool.
-    installed = Peer::set_readers(db_, std::make_shared<ReaderPool>(path_, 1));
+  db_.execute("INSERT INTO t (v) VALUES ('a')");
+  std::atomic<bool> done{false};
+  std::latch started(3);
+  const auto query = [&] {
+    started.count_down();
+    while (!done) EXPECT_EQ(rows() + db_.read(count), 2);
+  };
+  {
+    const std::jthread first(query), second(query);
+    started.arrive_and_wait();
+    for (int i = 0; i < 20; ++i) db_.connect();
+    done = true;
+  }
+  // The close loads a pool (none leased), then waits for the lock; meanwhile a connect (or a
+  // page rewrite) puts in a pool that a body leases, which then writes once the close has shut
+  // the writer. The close closes that pool too, without holding the lock meanwhile.
+  auto installed = std::make_shared<ReaderPool>(path_, 1);
+  std::latch leased(1);
+  std::future<std::string> body = std::async(std::launch::async, [&] {
+    const ReaderPool::Lease lease = installed->lease();
+    leased.count_down();
+    const auto give_up = std::chrono::steady_clock::now() + 10s;
+    while (!db_.closed()) {
+      if (std::chrono::steady_clock::now() > give_up)
+        return std::string("close() waited under the lock");
+      std::this_thread::yield();
+    }
+    return error_of<std::runtime_error>([&] { db_.execute("INSERT INTO t (v) VALUES ('b')"); });
   });
-  closer.get();
-  EXPECT_THROW(installed->lease(), ReaderUnavailable);
+  leased.wait();
+  std::future<void> closed;
+  {
+    const std::lock_guard hold(Peer::lock(db_));
+    closed = std::async(std::launch::async, [&] { db_.close(); });
+    while (Peer::lock(db_).waiting() == 0) std::this_thread::yield();
+    Peer::set_readers(db_, installed);
+  }
+  EXPECT_EQ(body.get(), "Database is closed.");
+  closed.get();
+  EXPECT_THROW(installed->lease(), ReaderUnavailable);  // closed with the rest
+}
+
+// A file this process may not write, with no process holding it open to share its log, is not
+// read as if nothing could change it.
+TEST_F(DatabaseTest, AReadOnlyOpenThatCannotShareTheLogIsRefused) {
+  open();
+  db_.close();
+  for (auto dir = path_.parent_path(); dir != dir_.path().parent_path(); dir = dir.parent_path())
+    std::filesystem::permissions(dir, std::filesystem::perms::owner_all |
+                                          std::filesystem::perms::group_exec |
+                                          std::filesystem::perms::others_exec);
+  EXPECT_EQ(testing::exit_status_as_nobody([&] {
+              Database db(path_);
+              return error_of<sqlite::OperationalError>([&] { db.connect(); })
+                  .starts_with("Cannot read " + path_.string() + " safely");
+            }),
+            0);
 }
 
 TEST_F(DatabaseTest, ReadsSeeOneStateWithoutWaitingForWritesAndUseTheWriterOnlyWhenTheyMust) {

@@ -8,8 +8,10 @@
 #include "support/fault_vfs.h"
 #include "support/index_builder.h"
 #include "support/log_capture.h"
+#include "support/other_user.h"
 #include "support/temp_dir.h"
 
+#include "quilma/runtime/event_loop.h"
 #include "quilma/sqlite/error.h"
 #include "quilma/storage/database_detail.h"
 #include "quilma/storage/errors.h"
@@ -91,6 +93,20 @@ TEST_F(DatabaseIndexTest, SwapReplacesTheIndexWithTheStagingBuild) {
                   Pair("external_imports", 3), Pair("index_errors", 1), Pair("code_chunks", 6)));
   EXPECT_THAT(log.texts(spdlog::level::info),
               ElementsAre(HasSubstr("replaced live index from " + staging_.string())));
+  {
+    // A reader on an older snapshot keeps the log; a swap whose compaction declines does not
+    // wait for it, nor says that it did.
+    sqlite::Connection reader(dir_ / "index.db", {.read_only = true});
+    sqlite::Cursor snapshot = reader.cursor();
+    snapshot.execute("BEGIN");
+    snapshot.execute("SELECT * FROM files").fetchall();
+    const runtime::EventLoopScope loop;
+    const auto started = std::chrono::steady_clock::now();
+    db_.swap_index_from(staging_);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, detail::WRITER_BUSY_TIMEOUT);
+    EXPECT_THAT(log.texts(spdlog::level::info),
+                ::testing::Not(::testing::Contains(HasSubstr("older snapshot"))));
+  }
   // Detached again, with foreign keys back on.
   EXPECT_EQ(text_of("SELECT name FROM pragma_database_list") + text_of("PRAGMA foreign_keys"),
             "main|\n1|\n");
@@ -129,7 +145,7 @@ TEST_F(DatabaseIndexTest, SwapReplacesTheIndexWithTheStagingBuild) {
   EXPECT_EQ(db_.swap_index_from(staging_).size(), 6U);
   db_.clear_all();
   EXPECT_EQ(rows("files") + rows("sqlite_master WHERE name = 'code_chunks'"), 0);
-  EXPECT_EQ(db_.index_generation(), 4);
+  EXPECT_EQ(db_.index_generation(), 5);
 
   // Afterwards the swap compacts, here failing to convert the file (its disk's free space
   // cannot be asked), which does not fail the swap.
@@ -146,6 +162,26 @@ TEST_F(DatabaseIndexTest, SwapReplacesTheIndexWithTheStagingBuild) {
               ElementsAre(HasSubstr("skipped: failed: statvfs: Input/output error")));
 }
 
+TEST_F(DatabaseIndexTest, AStagingFileThisProcessMayNotWriteIsCheckedWithoutWritingIt) {
+  db_.close();
+  build_staging(staging_);
+  std::filesystem::permissions(dir_.path(), std::filesystem::perms::all);
+  const std::filesystem::path live = dir_ / "index.db";
+  testing::give_to_nobody(dir_.path());
+  ::chown(staging_.c_str(), 0, 0);  // root's, readable by all
+  EXPECT_EQ(testing::exit_status_as_nobody([&] {
+              Database db(live);
+              testing::open_fully(db);
+              return db.swap_index_from(staging_).back() == std::pair{"code_chunks"s, 6L} &&
+                     testing::number(db,
+                                     "SELECT COUNT(*) FROM code_chunks WHERE code_chunks "
+                                     "MATCH 'new_fn1313'") > 0;
+            }),
+            0);
+  testing::open_fully(db_);
+  EXPECT_EQ(rows("files WHERE path LIKE 'new/%'"), 3);
+}
+
 TEST_F(DatabaseIndexTest,
        ARefusedOrFailedSwapOrClearLeavesTheIndexAsItWasAndClearAllEmptiesOnlyTheIndex) {
   const std::string refused = "Staging database " + staging_.string();
@@ -153,7 +189,9 @@ TEST_F(DatabaseIndexTest,
   const auto adjusted = [&](const char* sql) {
     return [&, sql] {
       build_staging(staging_);
-      sqlite::Connection(staging_).cursor().execute(sql);  // with foreign keys off
+      sqlite::Connection staging(staging_);  // with foreign keys off
+      sqlite::Cursor cursor = staging.cursor();
+      migrations::run_ddl(cursor, sql);
     };
   };
   const std::pair<std::function<void()>, std::string> cases[] = {
@@ -173,8 +211,20 @@ TEST_F(DatabaseIndexTest,
            " has 1 row(s) that refer to missing rows, the first in symbols (rowid 7, to files)"},
       {adjusted("UPDATE code_chunks_content SET c0 = 'changed' WHERE id = 105906176"),
        refused + " is damaged: database disk image is malformed"},
+      // Tables that declare no keys: the live ones' keys are checked.
+      {adjusted("CREATE TABLE s AS SELECT * FROM external_imports; DROP TABLE external_imports; "
+                "ALTER TABLE s RENAME TO external_imports; UPDATE external_imports SET file_id = "
+                "999 WHERE id = 2"),
+       refused + " has 1 row(s) in external_imports that refer to rows missing from files once "
+                 "swapped in, the first rowid 2"},
+      {adjusted("DROP TABLE code_chunks; CREATE VIRTUAL TABLE code_chunks USING fts5(text, "
+                "start_line UNINDEXED, end_line UNINDEXED, exact UNINDEXED, content='')"),
+       refused + ": its code_chunks does not keep the chunks' text, which the live index needs"},
       {adjusted("ALTER TABLE edges DROP COLUMN line"), "no such column: line"},
-      {[&] { build_staging(staging_), db_.close(); }, "Database is closed."},
+      {[&] { std::filesystem::create_hard_link(dir_ / "index.db", staging_); },
+       refused + " is the live database itself"},
+      {[&] { std::ofstream(staging_) << std::string(200, 'x'), db_.close(); },
+       "Database is closed."},
       // The caller's transaction goes on (what it wrote before is committed after).
       {[&] { build_staging(staging_), within = true; },
        "cannot ATTACH database within transaction"}};

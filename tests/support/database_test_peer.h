@@ -27,9 +27,7 @@ class DatabaseTestPeer {
   static ConnectionLock& lock(Database& db) { return db.lock_; }
   static std::int64_t count(Database& db, std::string_view sql) { return db.count(sql); }
   static std::int64_t release_free_pages(Database& db) { return db.release_free_pages(); }
-  static bool shrink_file(Database& db, std::chrono::milliseconds patience) {
-    return db.shrink_file(patience);
-  }
+  static bool shrink_file(Database& db) { return db.shrink_file(); }
 };
 
 }  // namespace quilma::storage

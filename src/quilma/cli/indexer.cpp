@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -23,6 +24,7 @@
 #include <fmt/format.h>
 #include <sqlite3.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "quilma/cli/repo_files.h"
@@ -82,6 +84,16 @@ class StagingFile {
       remove_with_side_files(path_);
       throw std::system_error(error, std::generic_category(), "cannot lock " + path_.string());
     }
+    // A clean-up of another run cannot take a file this young, but should one have all the
+    // same (its clock set back), this run would build into a file that has no name.
+    struct stat named {};
+    struct stat held {};
+    if (::stat(path_.c_str(), &named) != 0 || ::fstat(fd_, &held) != 0 ||
+        named.st_ino != held.st_ino || named.st_dev != held.st_dev) {
+      ::close(fd_);
+      throw std::system_error(std::make_error_code(std::errc::no_such_file_or_directory),
+                              "the staging database " + path_.string() + " was removed");
+    }
   }
   ~StagingFile() {
     remove_with_side_files(path_);
@@ -96,13 +108,36 @@ class StagingFile {
   int fd_ = -1;
 };
 
-// Whether a run holds the staging file at `path`; false for a file that is not there.
-bool held_by_a_run(const fs::path& path) {
+// A file that mkstemp() made moments ago, and that its run has not locked yet, is empty: an
+// empty staging file is a leftover only once it is older than this.
+constexpr auto FRESH_STAGING = std::chrono::minutes(1);
+
+// Whether the staging file at `path` is a leftover of a run that did not end: a file this tool
+// made (empty and old enough, or a SQLite database) that no run holds. A file that is not
+// there is one (its log or shared memory are); a file this process cannot open or read is not.
+bool left_over(const fs::path& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) return false;
-  const bool held = ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  if (fd < 0) return errno == ENOENT;
+  std::array<char, 16> header{};
+  struct stat status {};
+  const ssize_t got = ::read(fd, header.data(), header.size());
+  const bool made_here =
+      ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+      (got == 0 ? std::chrono::system_clock::now() -
+                          std::chrono::system_clock::from_time_t(status.st_mtime) >
+                      FRESH_STAGING
+                : got == 16 && std::string_view(header.data(), 16) ==
+                                   std::string_view("SQLite format 3\0", 16));
+  const bool free = made_here && ::flock(fd, LOCK_EX | LOCK_NB) == 0;
   ::close(fd);  // lets go of the lock, if it was taken
-  return held;
+  return free;
+}
+
+// Whether `name` is `prefix` and a suffix of mkstemp(): six letters or digits.
+bool staging_name(std::string_view name, std::string_view prefix) {
+  if (name.size() != prefix.size() + 6 || !name.starts_with(prefix)) return false;
+  return std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
+                     [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; });
 }
 
 // While it lives, interrupts the statement running on `handle` whenever a stop has been asked
@@ -279,9 +314,10 @@ std::vector<LeftOver> remove_leftover_staging(const fs::path& database) {
       if (name.ends_with(suffix)) name.resize(name.size() - suffix.size());
     }
     const fs::path staging = entry.path().parent_path() / name;
-    if (std::any_of(removed.begin(), removed.end(),
+    if (!staging_name(name, prefix) ||
+        std::any_of(removed.begin(), removed.end(),
                     [&](const LeftOver& done) { return done.path == staging; }) ||
-        held_by_a_run(staging)) {
+        !left_over(staging)) {
       continue;
     }
     LeftOver leftover{.path = staging, .bytes = 0};

@@ -36,6 +36,7 @@
 namespace spdlog {
 class logger;
 }
+struct sqlite3;
 
 namespace quilma::storage {
 
@@ -91,6 +92,15 @@ namespace detail {
 struct Space;
 // How long a statement on the writer waits for another process's lock on the file.
 inline constexpr std::chrono::milliseconds WRITER_BUSY_TIMEOUT{5000};
+// A log of this many pages is checkpointed after a commit (SQLite's automatic threshold).
+inline constexpr int CHECKPOINT_FRAMES = 1000;
+// A log larger than this that readers keep from being copied whole is restarted by the next
+// writer that commits: it waits up to LOG_RESTART_PATIENCE for the readers of older snapshots
+// (holding the file's write lock, so other writers wait as long, plus the copy), and after a
+// wait in vain no writer tries again for LOG_RESTART_RETRY, unless the log is twice as large.
+inline constexpr std::int64_t LOG_RESTART_BYTES = 16LL * 1024 * 1024;
+inline constexpr std::chrono::milliseconds LOG_RESTART_PATIENCE{500};
+inline constexpr std::chrono::milliseconds LOG_RESTART_RETRY{1000};
 }  // namespace detail
 
 class Database {
@@ -249,6 +259,7 @@ class Database {
     sqlite::Connection* connection_ = nullptr;
     bool began_ = false;       // this object opened the read transaction and must end it
     bool query_only_ = false;  // this object made the writer refuse writes
+    bool on_writer_ = false;   // counted in writer_reads_
     std::optional<sqlite::Cursor> cursor_;
   };
 
@@ -315,12 +326,29 @@ class Database {
   // the lock about detail::COMPACT_STEP_TARGET and taking it anew: the caller must not hold it.
   // Returns how many went back to the file system.
   std::int64_t release_free_pages();
-  // Writes the log into the file and empties it, which is what shortens a file in WAL mode,
-  // waiting up to `patience` for readers on older snapshots to move on; logs at INFO when
-  // one still holds it then. Runs on a connection of its own, and the caller must not hold
-  // the lock: the writer stays free while it waits, and neither it nor SQLite's write lock
-  // is held between attempts. Returns whether the log was emptied; SQLite's errors propagate.
-  bool shrink_file(std::chrono::milliseconds patience = detail::WRITER_BUSY_TIMEOUT);
+  // Writes the log into the file and empties it, which is what shortens a file in WAL mode, on
+  // a connection of its own and without waiting for anyone; logs at INFO when a reader on an
+  // older snapshot (or another process's write) keeps the log. The caller must not hold the
+  // lock. Returns whether the log was emptied; SQLite's errors propagate.
+  bool shrink_file();
+  // The writer's hook after each commit (SQLite's WAL hook), in place of its automatic
+  // checkpoint: a passive checkpoint once the log holds detail::CHECKPOINT_FRAMES pages, and a
+  // restart of a log that readers keep growing (see the definition).
+  static int on_commit(void* self, sqlite3* handle, const char* schema, int frames);
+  // While one exists, commits on the writer leave the log to a later checkpoint: the page
+  // release and the VACUUM, which write much and hold the lock, copy it afterwards without it.
+  class DeferCheckpoints {
+   public:
+    explicit DeferCheckpoints(Database& db) : db_(db) {
+      db_.checkpoints_deferred_.fetch_add(1, std::memory_order_acq_rel);
+    }
+    ~DeferCheckpoints() { db_.checkpoints_deferred_.fetch_sub(1, std::memory_order_acq_rel); }
+    DeferCheckpoints(const DeferCheckpoints&) = delete;
+    DeferCheckpoints& operator=(const DeferCheckpoints&) = delete;
+
+   private:
+    Database& db_;
+  };
   // Rewrites a file made without auto-vacuum once, in incremental mode; `measured` is the
   // caller's measurement of it. Called without the lock.
   Compaction convert_to_incremental(const detail::Space& measured);
@@ -340,7 +368,8 @@ class Database {
   std::atomic<sqlite::Connection*> connection_{nullptr};
   // Guards every use of the writer connection and the fields written under it.
   mutable ConnectionLock lock_;
-  int tx_depth_ = 0;  // open transaction levels; written only under lock_
+  int tx_depth_ = 0;      // open transaction levels; written only under lock_
+  int writer_reads_ = 0;  // read() levels open on the writer; used only under lock_
   std::atomic<bool> closed_{false};
   // The pool that queries lease from, or none; read without the lock. Every pool it has held
   // is kept until the object goes (a closed one costs a few hundred bytes), so a query may
@@ -366,6 +395,13 @@ class Database {
   // The thread whose outermost transaction is open. Written under lock_; read without it,
   // and it holds a thread's own id only while that thread's transaction is open.
   std::atomic<std::thread::id> tx_owner_{};
+  // Checkpoints: how many DeferCheckpoints exist (a count, so that overlapping compactions
+  // cannot leave it set); whether a swap's commit is under way (used under lock_); and, after
+  // a restart of the log that readers kept from finishing, when the next may be tried
+  // (steady_clock ticks).
+  std::atomic<int> checkpoints_deferred_{0};
+  bool swapping_ = false;
+  std::atomic<std::int64_t> next_log_restart_{0};
   // Refusal kinds of compaction already logged at their own level; used without lock_.
   std::mutex compaction_noted_mutex_;
   std::set<std::string> compaction_noted_;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include <sqlite3.h>
+#include <sys/statvfs.h>
 
 #include "quilma/sqlite/error.h"
 #include "quilma/storage/database.h"
@@ -128,10 +129,18 @@ Database::~Database() {
 
 namespace {
 
+// Whether the file system that holds `path` is mounted read-only: nothing can write it there.
+bool on_read_only_mount(const std::filesystem::path& path) {
+  struct statvfs status {};
+  return ::statvfs(path.c_str(), &status) == 0 && (status.f_flag & ST_RDONLY) != 0;
+}
+
 // The writer's connection. A file this process may not write (another user's index, a copy on
-// a read-only mount) comes out read-only; when the directory does not let SQLite share the
-// file's log either, the file is read as it stands: nothing can be writing it then but its
-// owner, which is the risk the user takes in reading another user's index.
+// a read-only mount) comes out read-only and reads through SQLite's locks, sharing the log and
+// its index with the processes that write it. Where that cannot be done (the file is in WAL
+// mode, no process has it open, and this one may not create the log's index beside it), the
+// file is read as it stands only on a read-only mount; anywhere else its owner could rewrite
+// it under the reader, so the open is refused.
 std::unique_ptr<sqlite::Connection> open_writer(const std::filesystem::path& path) {
   sqlite::OpenOptions options{.busy_timeout = detail::WRITER_BUSY_TIMEOUT};
   auto writer = std::make_unique<sqlite::Connection>(path, options);
@@ -141,6 +150,13 @@ std::unique_ptr<sqlite::Connection> open_writer(const std::filesystem::path& pat
     return writer;
   } catch (const sqlite::Error& error) {
     if (error.code() != SQLITE_READONLY && error.code() != SQLITE_CANTOPEN) throw;
+    if (!on_read_only_mount(path)) {
+      sqlite::raise_error(error.extended_code(),
+                          "Cannot read " + path.string() +
+                              " safely: this process may not write it or its directory, and no "
+                              "process that may has it open to share its log (" +
+                              error.what() + ")");
+    }
   }
   writer->close();
   options.immutable = true;
@@ -180,6 +196,7 @@ void Database::connect() {
   cursor.execute("PRAGMA journal_size_limit=" + std::to_string(detail::JOURNAL_SIZE_LIMIT));
   cursor.close();
   utils::register_path_functions(*writer);
+  if (!read_only) sqlite3_wal_hook(writer->handle(), &Database::on_commit, this);
 
   // A pool that fails to open leaves everything as it was.
   std::shared_ptr<ReaderPool> opened = open_readers(detail::journal_mode(mode));
@@ -210,20 +227,24 @@ void Database::close() {
   if (ReaderPool* pool = readers_.load()) {
     pool->close();
   }
-  // Closing the writer under a statement that another thread runs on it would crash that
-  // thread: wait for it.
-  const std::lock_guard hold(lock_);
-  // A page rewrite or a connect() that held the lock meanwhile may have opened a new pool.
-  if (ReaderPool* pool = readers_.load()) {
-    pool->close();
+  ReaderPool* opened_meanwhile = nullptr;
+  {
+    // Closing the writer under a statement that another thread runs on it would crash that
+    // thread: wait for it.
+    const std::lock_guard hold(lock_);
+    if (connection_.load(std::memory_order_acquire) != nullptr) {
+      // The writer is closed even when SQLite reports an error from it. closed_ goes first: a
+      // thread that sees no connection must also see why.
+      closed_.store(true, std::memory_order_release);
+      connection_.store(nullptr, std::memory_order_release);
+      writer_->close();
+    }
+    // A page rewrite or a connect() that held the lock meanwhile may have opened a new pool.
+    opened_meanwhile = readers_.load();
   }
-  if (connection_.load(std::memory_order_acquire) != nullptr) {
-    // The writer is closed even when SQLite reports an error from it. closed_ goes first: a
-    // thread that sees no connection must also see why.
-    closed_.store(true, std::memory_order_release);
-    connection_.store(nullptr, std::memory_order_release);
-    writer_->close();
-  }
+  // Its leases are waited for without the lock: a read() body may be waiting for the lock to
+  // write, and gets "Database is closed." once it has it.
+  if (opened_meanwhile != nullptr) opened_meanwhile->close();
 }
 
 sqlite::Connection& Database::connection() const {
@@ -375,12 +396,33 @@ bool Database::Snapshot::begin_on_reader() {
   return false;
 }
 
+namespace {
+
+// While a read() runs on the writer, a statement of its body may not lift query_only.
+int keep_query_only(void* /*unused*/, int action, const char* name, const char* value,
+                    const char* /*database*/, const char* /*trigger*/) {
+  if (action == SQLITE_PRAGMA && value != nullptr && sqlite3_stricmp(name, "query_only") == 0) {
+    return SQLITE_DENY;
+  }
+  return SQLITE_OK;
+}
+
+}  // namespace
+
 void Database::Snapshot::begin_on_writer() {
   hold_ = std::unique_lock(db_.lock_);
   connection_ = &db_.connection();
+  on_writer_ = true;
   try {
+    // A read() inside this thread's read() on the writer joins it: the outer one's read
+    // transaction and query_only hold for both, and only the outer one ends them.
+    if (db_.writer_reads_++ > 0) {
+      cursor_.emplace(connection_->cursor());
+      return;
+    }
     sqlite::Cursor(connection_->cursor()).execute("PRAGMA query_only=ON");
     query_only_ = true;
+    sqlite3_set_authorizer(connection_->handle(), &keep_query_only, nullptr);
     // Holding the lock, an open transaction can only be this thread's own: the body reads
     // the state it has written so far, which no other thread changes meanwhile.
     if (db_.tx_depth_ > 0) {
@@ -416,8 +458,12 @@ void Database::Snapshot::end() noexcept {
     }
   };
   if (began_) run("ROLLBACK");
-  if (query_only_) run("PRAGMA query_only=OFF");
-  began_ = query_only_ = false;
+  if (query_only_) {
+    sqlite3_set_authorizer(connection_->handle(), nullptr, nullptr);
+    run("PRAGMA query_only=OFF");
+  }
+  if (on_writer_) --db_.writer_reads_;
+  began_ = query_only_ = on_writer_ = false;
   connection_ = nullptr;
   lease_.reset();
 }

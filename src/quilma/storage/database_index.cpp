@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include "quilma/models/symbol.h"
 #include "quilma/sqlite/error.h"
@@ -91,8 +92,8 @@ bool same_chunk_store(sqlite::Cursor& cursor) {
 }
 
 // Fills the emptied live code_chunks with the staging build's; returns how many chunks.
-std::int64_t copy_chunks(sqlite::Cursor& cursor) {
-  if (!same_chunk_store(cursor)) {
+std::int64_t copy_chunks(sqlite::Cursor& cursor, bool store_checked) {
+  if (!store_checked || !same_chunk_store(cursor)) {
     cursor.execute(
         "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
         "SELECT rowid, text, start_line, end_line, exact FROM stg.code_chunks");
@@ -113,22 +114,29 @@ std::int64_t copy_chunks(sqlite::Cursor& cursor) {
 // Refuses a staging file that is damaged or whose rows refer to rows it lacks, before the swap
 // takes any lock: its reading costs other processes no waiting. The swap copies with foreign
 // keys off, so the references are checked here instead.
-void check_staging(const std::filesystem::path& staging_path) {
+//
+// FTS5's own check compares code_chunks' index with its text, which the swap may then copy as
+// they are; it is an INSERT, which a file this process may not write refuses. Such a file is
+// checked without it, and its chunks are tokenised anew from their text. Returns whether the
+// chunks' index was checked.
+bool check_staging(const std::filesystem::path& staging_path) {
   const std::string name = staging_path.string();
-  // Each check reads the whole file: they run side by side, on a connection each. FTS5's own
-  // check compares code_chunks' index with its text, which the swap may copy as they are.
+  // Each check reads the whole file: they run side by side, on a connection each.
   std::future<std::vector<sqlite::Row>> references = std::async(std::launch::async, [&] {
-    sqlite::Connection connection(staging_path);
+    sqlite::Connection connection(staging_path, {.read_only = true});
     return connection.cursor().execute("PRAGMA foreign_key_check").fetchall();
   });
-  std::future<void> chunks = std::async(std::launch::async, [&] {
+  std::future<bool> chunks = std::async(std::launch::async, [&] {
     sqlite::Connection connection(staging_path);
+    if (detail::read_only(connection)) return false;
     sqlite::Cursor cursor = connection.cursor();
     if (detail::has_code_chunks(cursor)) {
       cursor.execute("INSERT INTO code_chunks (code_chunks) VALUES ('integrity-check')");
     }
+    return true;
   });
-  sqlite::Connection staging(staging_path);
+  sqlite::Connection staging(staging_path, {.read_only = true});
+  bool chunks_checked = false;
   std::vector<sqlite::Row> problems;
   try {
     problems = staging.cursor().execute("PRAGMA quick_check").fetchall();
@@ -138,7 +146,7 @@ void check_staging(const std::filesystem::path& staging_path) {
                                     : problems[0][0].as_text();
       sqlite::raise_error(SQLITE_CORRUPT, first);
     }
-    chunks.get();
+    chunks_checked = chunks.get();
     problems = references.get();
   } catch (const sqlite::DatabaseError& error) {
     // The other checks end before the error goes on (get() has consumed those that threw).
@@ -155,6 +163,32 @@ void check_staging(const std::filesystem::path& staging_path) {
             " row(s) that refer to missing rows, the first in " + first[0].as_text() + " (rowid " +
             (first[1].is_null() ? "?" : first[1].as_text()) + ", to " + first[2].as_text() + ")");
   }
+  return chunks_checked;
+}
+
+// Refuses a swap that left rows of the live `table` referring to rows that are not there: the
+// staging file's own check covers only the keys that its tables declare.
+void check_references(sqlite::Cursor& cursor, const std::filesystem::path& staging_path,
+                      std::string_view table) {
+  const std::vector<sqlite::Row> problems =
+      cursor.execute("PRAGMA main.foreign_key_check(" + std::string(table) + ")").fetchall();
+  if (problems.empty()) return;
+  const sqlite::Row& first = problems.front();
+  sqlite::raise_error(SQLITE_CONSTRAINT_FOREIGNKEY,
+                      "Staging database " + staging_path.string() + " has " +
+                          std::to_string(problems.size()) + " row(s) in " + std::string(table) +
+                          " that refer to rows missing from " + first[2].as_text() +
+                          " once swapped in, the first rowid " +
+                          (first[1].is_null() ? "?" : first[1].as_text()));
+}
+
+// Refuses a staging code_chunks that does not keep its chunks' text (FTS5's content='' or an
+// external content table): copied, every live chunk would have no text.
+void check_chunk_text(sqlite::Cursor& cursor, const std::filesystem::path& staging_path) {
+  if (definition(cursor, "stg", "code_chunks_content")) return;
+  sqlite::raise_error(SQLITE_ERROR, "Staging database " + staging_path.string() +
+                                        ": its code_chunks does not keep the chunks' text, "
+                                        "which the live index needs");
 }
 
 // The live table's columns as PRAGMA table_info lists them, joined with ", ".
@@ -166,6 +200,14 @@ std::string column_list(sqlite::Cursor& cursor, std::string_view table) {
     columns += row[1].as_text();
   }
   return columns;
+}
+
+// Whether two paths name one file (by device and inode, whatever the names).
+bool same_file(const std::filesystem::path& first, const std::filesystem::path& second) {
+  struct stat first_status {};
+  struct stat second_status {};
+  return ::stat(first.c_str(), &first_status) == 0 && ::stat(second.c_str(), &second_status) == 0 &&
+         first_status.st_dev == second_status.st_dev && first_status.st_ino == second_status.st_ino;
 }
 
 }  // namespace
@@ -225,7 +267,12 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
     }
     throw FileNotFoundError("Staging database not found: " + staging_path.string());
   }
-  check_staging(staging_path);
+  connection();  // a closed database says so before the staging file is looked at
+  if (same_file(staging_path, db_path_)) {
+    sqlite::raise_error(
+        SQLITE_ERROR, "Staging database " + staging_path.string() + " is the live database itself");
+  }
+  const bool chunk_store_checked = check_staging(staging_path);
   Counts inserted;
   {
     const std::lock_guard hold(lock_);
@@ -262,12 +309,14 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
       // runs as a copy of the table's pages and its indexes' (the transfer optimisation);
       // any other with the live table's column list, row by row.
       std::array<std::string, INSERT_ORDER.size()> copies;
+      std::array<bool, INSERT_ORDER.size()> alike{};
       for (std::size_t i = 0; i < INSERT_ORDER.size(); ++i) {
         const std::string table(INSERT_ORDER[i]);
         const std::optional<std::string> live = definition(reader, "main", table);
         std::string& sql = copies[i];
         sql.append("INSERT INTO ").append(table);
-        if (live && live == definition(reader, "stg", table)) {
+        alike[i] = live && live == definition(reader, "stg", table);
+        if (alike[i]) {
           sql.append(" SELECT *");
         } else {
           const std::string columns = column_list(reader, table);
@@ -276,15 +325,26 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
         sql.append(" FROM stg.").append(table);
       }
       reader.close();
+      // The commit leaves the log it wrote to the next writer's checkpoint: the caller of a
+      // swap (the event loop, too) never waits for the readers.
+      swapping_ = true;
+      const struct Swapped {
+        bool& swapping;
+        ~Swapped() { swapping = false; }
+      } swapped{swapping_};
       inserted = transaction([&](sqlite::Cursor& cursor) {
         Counts counts;
         // The staging file is asked only when the live one has the table to fill.
         const bool chunks = empty_index(cursor) && detail::has_code_chunks(cursor, "stg");
+        if (chunks) check_chunk_text(cursor, staging_path);
         for (std::size_t i = 0; i < INSERT_ORDER.size(); ++i) {
           cursor.execute(copies[i]);
           counts.emplace_back(INSERT_ORDER[i], inserted_rows(cursor));
         }
-        if (chunks) counts.emplace_back("code_chunks", copy_chunks(cursor));
+        for (std::size_t i = 0; i < INSERT_ORDER.size(); ++i) {
+          if (!alike[i]) check_references(cursor, staging_path, INSERT_ORDER[i]);
+        }
+        if (chunks) counts.emplace_back("code_chunks", copy_chunks(cursor, chunk_store_checked));
         bump_index_generation(&cursor);
         return counts;
       });
@@ -298,10 +358,6 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
               "swap_index_from: replaced live index from %s (rows inserted: %s)",
               staging_path.string(), detail::counts_text(inserted));
   compact();  // what it did, or why not, it reports itself
-  try {
-    shrink_file();                  // the swap wrote the whole index into the log
-  } catch (const sqlite::Error&) {  // maintenance: the next checkpoint empties it
-  }
   return inserted;
 }
 

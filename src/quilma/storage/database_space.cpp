@@ -184,34 +184,10 @@ Compaction Database::compact_unguarded() {
 }
 
 std::int64_t Database::release_free_pages() {
-  // A step's commit would run SQLite's automatic checkpoint under the lock whenever the log
-  // has passed its threshold, copying a thousand pages or more while the writer waits. The
-  // steps leave their pages in the log instead, and shrink_file() copies them afterwards,
-  // without the lock.
-  std::optional<std::int64_t> automatic;
-  {
-    const std::lock_guard hold(lock_);
-    if (sqlite::Connection* writer = connection_.load(std::memory_order_acquire)) {
-      sqlite::Cursor cursor = writer->cursor();
-      automatic = read_int(cursor, "PRAGMA wal_autocheckpoint");
-      cursor.execute("PRAGMA wal_autocheckpoint=0");
-    }
-  }
-  struct Restore {
-    Database& db;
-    std::optional<std::int64_t> pages;
-    ~Restore() {
-      if (!pages) return;
-      const std::lock_guard hold(db.lock_);
-      // A writer opened by a connect() meanwhile has its own setting already.
-      if (sqlite::Connection* writer = db.connection_.load(std::memory_order_acquire)) {
-        try {
-          writer->cursor().execute("PRAGMA wal_autocheckpoint=" + std::to_string(*pages));
-        } catch (const sqlite::Error&) {  // a closed writer: nothing to restore
-        }
-      }
-    }
-  } restore{*this, automatic};
+  // A step's commit would checkpoint under the lock whenever the log has passed its threshold,
+  // copying a thousand pages or more while the writer waits. The steps leave their pages in
+  // the log instead, and shrink_file() copies them afterwards, without the lock.
+  const DeferCheckpoints deferred(*this);
   std::int64_t released = 0;
   std::int64_t step = detail::COMPACT_FIRST_STEP_PAGES;
   for (;;) {
@@ -246,29 +222,77 @@ std::int64_t Database::release_free_pages() {
   return released;
 }
 
-namespace {
-// How long shrink_file() sleeps between attempts while a reader holds an older snapshot.
-constexpr std::chrono::milliseconds CHECKPOINT_RETRY{10};
-}  // namespace
-
-bool Database::shrink_file(std::chrono::milliseconds patience) {
-  // SQLite's own wait (the busy handler) would hold the write lock while readers finish; this
-  // one retries with nothing held, so other writers go on meanwhile.
+bool Database::shrink_file() {
+  // On a connection of its own, without the lock, and without waiting: not for another
+  // process's write, nor for readers of older snapshots. A log that they keep is restarted by
+  // the next writer that finds it large (on_commit()), never by compaction, which follows a
+  // swap on its caller's thread.
   sqlite::Connection own(db_path_,
                          sqlite::OpenOptions{.busy_timeout = std::chrono::milliseconds(0)});
   sqlite::Cursor cursor = own.cursor();
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  while (read_int(cursor, "PRAGMA wal_checkpoint(TRUNCATE)") != 0) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      detail::log(*database_logger(), spdlog::level::info,
-                  "Compaction of %s: a reader still uses an older snapshot, so the file shrinks at "
-                  "a later checkpoint",
-                  db_path_.string());
-      return false;
-    }
-    std::this_thread::sleep_for(CHECKPOINT_RETRY);
+  if (read_int(cursor, "PRAGMA wal_checkpoint(TRUNCATE)") == 0) return true;
+  detail::log(*database_logger(), spdlog::level::info,
+              "Compaction of %s: a reader still uses an older snapshot, so the file shrinks at a "
+              "later checkpoint",
+              db_path_.string());
+  return false;
+}
+
+namespace {
+
+// The page size of the connection's main database, or 0 when it cannot be read.
+std::int64_t page_size_of(sqlite3* handle) {
+  sqlite3_stmt* statement = nullptr;
+  std::int64_t size = 0;
+  if (sqlite3_prepare_v2(handle, "PRAGMA page_size", -1, &statement, nullptr) == SQLITE_OK &&
+      sqlite3_step(statement) == SQLITE_ROW) {
+    size = sqlite3_column_int64(statement, 0);
   }
-  return true;
+  sqlite3_finalize(statement);
+  return size;
+}
+
+}  // namespace
+
+int Database::on_commit(void* self, sqlite3* handle, const char* schema, int frames) {
+  // Runs after each commit on the writer, under the lock, with SQLite's locks on the file
+  // given back. It returns SQLITE_OK whatever happens: the commit has been made.
+  Database& db = *static_cast<Database*>(self);
+  if (frames < detail::CHECKPOINT_FRAMES ||
+      db.checkpoints_deferred_.load(std::memory_order_acquire) > 0) {
+    return SQLITE_OK;
+  }
+  // SQLite's own automatic checkpoint: it copies what the readers let it, without waiting.
+  int log = 0;
+  int copied = 0;
+  if (sqlite3_wal_checkpoint_v2(handle, schema, SQLITE_CHECKPOINT_PASSIVE, &log, &copied) !=
+          SQLITE_OK ||
+      copied >= log || db.swapping_) {
+    return SQLITE_OK;
+  }
+  // Readers that overlap without a gap never let that one finish, and the log can then never
+  // start again from its beginning. Past LOG_RESTART_BYTES the committing writer waits for
+  // them, a little: holding the write lock, no new frames come, readers of older snapshots
+  // end their statements, and new ones read from the file. The swap's caller never does this
+  // (its commit leaves it to the next writer), and after a wait in vain the writers leave the
+  // log alone for a while rather than each waiting in turn.
+  const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+  const std::int64_t bytes = static_cast<std::int64_t>(log) * page_size_of(handle);
+  if (bytes < detail::LOG_RESTART_BYTES ||
+      (bytes < 2 * detail::LOG_RESTART_BYTES &&
+       now < db.next_log_restart_.load(std::memory_order_acquire))) {
+    return SQLITE_OK;
+  }
+  sqlite3_busy_timeout(handle, static_cast<int>(detail::LOG_RESTART_PATIENCE.count()));
+  const int rc =
+      sqlite3_wal_checkpoint_v2(handle, schema, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+  sqlite3_busy_timeout(handle, static_cast<int>(detail::WRITER_BUSY_TIMEOUT.count()));
+  if (rc != SQLITE_OK) {
+    db.next_log_restart_.store(
+        now + std::chrono::steady_clock::duration(detail::LOG_RESTART_RETRY).count(),
+        std::memory_order_release);
+  }
+  return SQLITE_OK;
 }
 
 void Database::vacuum(sqlite::Connection& connection) {
@@ -306,6 +330,7 @@ Compaction Database::convert_to_incremental(const detail::Space& measured) {
   detail::Space after;
   try {
     const std::lock_guard hold(lock_);
+    const DeferCheckpoints deferred(*this);
     sqlite::Connection* writer = connection_.load(std::memory_order_acquire);
     if (writer == nullptr) return skip_compaction("closed", "the database is closed");
     // Another thread may have converted the file since the caller measured it.
