@@ -22,6 +22,8 @@
 #include <fmt/ostream.h>
 #include <spdlog/sinks/ostream_sink.h>
 
+#include "quilma/cli/freshness.h"
+#include "quilma/cli/index_summary.h"
 #include "quilma/cli/indexer.h"
 #include "quilma/cli/progress.h"
 #include "quilma/cli/search.h"
@@ -60,6 +62,7 @@ struct Options {
   std::string sort = "rank";
   std::string staging;
   std::vector<std::string> stamps;
+  bool full = false;
 };
 
 // Sends the storage layer's log lines to `err` at `level` for the life of the object, in place
@@ -206,33 +209,13 @@ int Command::index() {
                               : io_.err_is_terminal ? Progress::Mode::Terminal
                                                     : Progress::Mode::Lines;
   Progress progress(io_.err, mode);
-  const IndexReport report = index_repository({root, database(), io_.stop}, progress);
+  const IndexReport report =
+      index_repository({root, database(), io_.stop, options_.full}, progress);
   progress.clear_status();
-  const double mib = static_cast<double>(report.bytes) / 1048576.0;
-  const double seconds = report.total_seconds > 0 ? report.total_seconds : 1e-9;
-  if (options_.json) {
-    return print_json(json{{"repository", root.string()},
-                           {"database", database().string()},
-                           {"listed_by", report.from_git ? "git" : "walk"},
-                           {"files", report.files},
-                           {"errors", report.errors},
-                           {"bytes", report.bytes},
-                           {"generation", report.generation},
-                           {"seconds",
-                            {{"list", report.list_seconds},
-                             {"build", report.build_seconds},
-                             {"swap", report.swap_seconds},
-                             {"total", report.total_seconds}}}});
-  }
-  const std::string left_out =
-      report.errors == 0 ? ""
-                         : fmt::format("; {} left out (see 'quilma-db errors')", report.errors);
-  return print(
-      "indexed {} files ({:.1f} MiB) in {:.1f} s: {:.0f} files/s, {:.1f} MiB/s{}; "
-      "generation {}",
-      report.files, mib, report.total_seconds,
-      static_cast<double>(report.files + report.errors) / seconds, mib / seconds, left_out,
-      report.generation);
+  if (const std::string notice = damage_notice(report, database()); !notice.empty())
+    io_.err << notice << '\n';
+  return options_.json ? print_json(index_json(report, root, database()))
+                       : print("{}", index_summary(report));
 }
 
 int Command::search() {
@@ -242,7 +225,7 @@ int Command::search() {
   request.by_path = options_.sort == "path";
   const bool per_file = options_.files_only || options_.counts;
   if (options_.all || per_file) request.limit = std::nullopt;
-  SearchResult result = cli::search(db, request);
+  SearchResult result = search_current(db, request, io_.err, options_.quiet);
 
   if (per_file) {
     // Files in the order of their first matching line, with how many lines matched.
@@ -595,6 +578,8 @@ int run(int argc, const char* const* argv, const Io& io) {
                        : "--limit takes a whole number of 1 or more, not '" + value + "'";
           },
           "N >= 1"));
+  subs["index"]->add_flag("--full", options.full,
+                          "Rebuild the whole index, even when only some files changed");
   search.add_flag("--all", options.all, "Every match, without a limit")->excludes("--limit");
   search.get_option("-l")->excludes("-c");
   app.require_subcommand(1);
