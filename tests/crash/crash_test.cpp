@@ -227,7 +227,9 @@ TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
   const auto [status, whole] = run(fresh_run());
   const auto after = inspect(op.shape);
   const auto texts_after = file_texts();
-  if (op.per_file) ASSERT_EQ(texts_after.at(""), texts_before.at("")) << "the update swapped";
+  if (op.per_file) {
+    ASSERT_EQ(texts_after.at(""), texts_before.at("")) << "the update swapped";
+  }
   ASSERT_EQ(status, 0);
   const std::string both = fmt::format("\nbefore: {}\nafter:  {}", before, after);
   ASSERT_TRUE(op.shape != nullptr ? after.second == before.second && after.first != before.first
