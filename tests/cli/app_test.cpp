@@ -134,16 +134,20 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
   // A file is read up to the limit, and no further.
   write(repo_ / "big/limit.txt", std::string(MAX_FILE_BYTES - 9, 'a') + " lastWord");
   write(repo_ / "big/over.txt", std::string(MAX_FILE_BYTES + 1, 'a'));
-  // A run that is stopped, or fails, leaves the index as it was.
+  // A full build that is stopped, or fails, leaves the index as it was.
   const std::atomic<bool> stop{true};  // as the interrupt handler leaves it
-  EXPECT_EQ(in_repo({"index", "--quiet"}, &stop).told,
+  EXPECT_EQ(in_repo({"index", "--quiet", "--full"}, &stop).told,
             "130 quilma-db: index: interrupted; the index was left as it was\n");
   {
     testing::FaultVfs vfs;
     vfs.fail_writes_after(std::int64_t{64} * 1024);  // the staging build runs out of disk
-    EXPECT_EQ(in_repo({"index", "--quiet"}).told, "1 quilma-db: index: database or disk is full\n");
+    EXPECT_EQ(in_repo({"index", "--quiet", "--full"}).told,
+              "1 quilma-db: index: database or disk is full\n");
   }
-  expect_outputs(before);
+  const std::string errors_before =
+      "assets/logo.png: binary: a NUL byte at offset 8\n"
+      "legacy/latin1.txt:2: not_utf8: not UTF-8 at offset 14\n";
+  expect_outputs({{{"generation"}, "1\n"}, {{"errors"}, errors_before}});
   EXPECT_EQ(ls(), "0 index.db\n");
 
   // Staging files of runs that did not end are removed; one that a run still holds is not.
@@ -159,12 +163,14 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
             std::string::npos);
   EXPECT_EQ(ls(), "0 index.db\nindex.db.staging-live01\n");
   const json report = json::parse(indexed.out);
-  EXPECT_EQ(json({report["files"], report["errors"], report["generation"]}), json({6, 4, 2}));
+  // An update: the index holds 6 files, 1 with a stray byte; 3 are left out.
+  EXPECT_EQ(json({report["files"], report["left_out"], report["not_utf8"], report["generation"]}),
+            json({6, 3, 1, 1}));
   expect_outputs(
       {{{"search", "plantedIdentifier"}, ""},
        {{"search", "renamedIdentifier"}, "src/planted.py:5: renamedIdentifier = compute(5)\n"},
        {{"search", "latinName"}, "caf\\xe9.py:1: latinName = 1\n"},
-       {{"generation"}, "2\n"},
+       {{"generation"}, "1\n"},
        {{"errors"},
         "assets/logo.png: binary: a NUL byte at offset 8\n"
         "big/over.txt: too_large: 1.0 MiB, over the limit of 1 MiB\n"

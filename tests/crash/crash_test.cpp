@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <random>
+#include <set>
 #include <thread>
 
 #include <fmt/format.h>
@@ -149,17 +150,26 @@ void build(const fs::path& path, const std::string& tag, const Operation& op) {
 }
 
 // A repository of Python files in "../repo"; the next version drops some, adds others and
-// changes a third. `step` files added and dropped: 100 make a full rebuild, 10 an update.
+// changes a third (`step` 100, which makes a full rebuild) or a fiftieth (`step` 10, an
+// update). As a checkout does, it writes only the files whose content changes.
 void write_repo(int version, int step = 100) {
-  fs::remove_all("../repo");
+  std::set<fs::path> kept;
   for (int f = version * step; f < 1000 + version * step; ++f) {
     const fs::path path = fmt::format("../repo/pkg{}/m{}.py", f % 7, f);
-    fs::create_directories(path.parent_path());
-    std::ofstream out(path);
+    std::string text;
     for (int line = 0; line < 60; ++line)
-      out << fmt::format("def fn_{}_{}_v{}(x):\n    return x + {}\n", f, line,
-                         f % (step == 100 ? 3 : 50) ? 0 : version, line);
+      text += fmt::format("def fn_{}_{}_v{}(x):\n    return x + {}\n", f, line,
+                          f % (step == 100 ? 3 : 50) ? 0 : version, line);
+    kept.insert(path);
+    std::ifstream in(path);
+    if (std::string(std::istreambuf_iterator<char>(in), {}) == text) continue;
+    fs::create_directories(path.parent_path());
+    std::ofstream(path) << text;
   }
+  std::vector<fs::path> dropped;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator("../repo"))
+    if (entry.is_regular_file() && !kept.contains(entry.path())) dropped.push_back(entry.path());
+  for (const fs::path& path : dropped) fs::remove(path);
 }
 
 void compact(Database& db) {
@@ -181,7 +191,8 @@ const std::vector<Operation> OPERATIONS{
 #ifdef QUILMA_DB
     {"cli_index", [](Database& db) {
        db.close();
-       ::execl(QUILMA_DB, QUILMA_DB, "--quiet", "--db", "index.db", "index", "../repo", nullptr);
+       ::execl(QUILMA_DB, QUILMA_DB, "--quiet", "--db", "index.db", "index", "--full", "../repo",
+               nullptr);
        throw std::system_error(errno, std::generic_category(), QUILMA_DB);
      }},
     {"cli_update", [](Database& db) {

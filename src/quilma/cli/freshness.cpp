@@ -168,6 +168,9 @@ Changes find_changes(const Recorded& recorded, const fs::path& repo,
       ++changes.unchanged;
     } else {
       changes.modified.push_back(path);
+      changes.unsure += state != recorded.states.end() && stats[i] &&
+                        state->second.stat.mtime_ns == UNTRUSTED_MTIME &&
+                        state->second.stat.size == stats[i]->size;
     }
   }
   const auto unlisted = [&](const std::string& path) {

@@ -52,6 +52,9 @@ struct Changes {
   std::vector<std::string> modified;  // known, and their recorded state does not vouch for them
   std::vector<std::string> removed;   // known to the index, and no longer listed
   std::int64_t unchanged = 0;
+  // Of `modified`, those of the same size whose time was recorded as not vouching (they were
+  // written about when the index read them): most often the same content.
+  std::size_t unsure = 0;
   std::size_t count() const { return added.size() + modified.size() + removed.size(); }
 };
 

@@ -485,7 +485,9 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress) {
     changes = find_changes(*recorded, request.repo, listed.paths);
     const double limit = std::max(FULL_REBUILD_SHARE * static_cast<double>(listed.paths.size()),
                                   static_cast<double>(FULL_REBUILD_MIN_FILES));
-    if (static_cast<double>(changes->count()) > limit) {
+    // Files written about when the last run read them are read again, but mostly found as
+    // they were: they do not count towards a full build.
+    if (static_cast<double>(changes->count() - changes->unsure) > limit) {
       report.full_reason = fmt::format("{} files added, changed or removed of {}", changes->count(),
                                        listed.paths.size());
       changes.reset();
