@@ -47,7 +47,8 @@ struct Options {
   std::string sort = "rank";
   std::string staging;
   std::vector<std::string> stamps;
-  bool full = false;  // index: rebuild the whole index
+  bool full = false;        // index: rebuild the whole index
+  bool as_indexed = false;  // search: skip the check for files changed since the index
 };
 
 // One command's run: its options, its streams, and what every command needs.

@@ -153,10 +153,14 @@ Changes find_changes(const Recorded& recorded, const fs::path& repo,
                      const std::vector<std::string>& listed) {
   Changes changes;
   const std::vector<std::optional<FileStat>> stats = stat_all(repo, listed);
+  std::size_t met_files = 0;
+  std::size_t met_states = 0;
   for (std::size_t i = 0; i < listed.size(); ++i) {
     const std::string& path = listed[i];
     const auto state = recorded.states.find(path);
     const auto file = recorded.files.find(path);
+    met_states += state != recorded.states.end();
+    met_files += file != recorded.files.end();
     if (state == recorded.states.end() && file == recorded.files.end()) {
       changes.added.push_back(path);
       continue;
@@ -173,6 +177,9 @@ Changes find_changes(const Recorded& recorded, const fs::path& repo,
                         state->second.stat.size == stats[i]->size;
     }
   }
+  // Every known path that is still listed was met above: only when fewer were met than are
+  // known is any of them gone.
+  if (met_files == recorded.files.size() && met_states == recorded.states.size()) return changes;
   const auto unlisted = [&](const std::string& path) {
     return !std::binary_search(listed.begin(), listed.end(), path);
   };

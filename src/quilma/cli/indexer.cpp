@@ -259,6 +259,13 @@ void update_index(storage::Database& live, const IndexRequest& request, const Re
         "now, and the next run does the rest",
         done, total));
   };
+  if (total > 0) {
+    // A full build leaves its full-text index in many segments of one level, more than FTS5
+    // lets stand: left at its default, the first update's write would merge them all at once,
+    // seconds of work. Its automatic merging works through them a little at each write instead.
+    live.execute("INSERT INTO code_chunks (code_chunks, rank) VALUES ('crisismerge', ?)",
+                 {STAGING_CRISIS_MERGE});
+  }
   FilePipeline files(request.repo, paths);
   progress.start();
   for (std::size_t next = 0; next < paths.size();) {

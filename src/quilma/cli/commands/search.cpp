@@ -31,6 +31,9 @@ void search_options(CLI::App& sub, Options& options) {
       ->check(CLI::IsMember({"rank", "path"}));
   sub.add_option("-C,--context", options.search.context, "Lines of context around each line")
       ->check(CLI::Range(std::int64_t{0}, std::int64_t{1000}));
+  sub.add_flag("--as-indexed", options.as_indexed,
+               "Search the index as it is, without looking for files changed since it was "
+               "updated (which stats every file)");
   sub.add_flag("-l,--files-with-matches", options.files_only, "Only the files that match");
   sub.add_flag("-c,--count", options.counts, "The files that match, with how many lines each");
   sub.add_option("--limit", options.search.limit,
@@ -57,7 +60,9 @@ int cmd_search(const Command& command) {
   request.by_path = options.sort == "path";
   const bool per_file = options.files_only || options.counts;
   if (options.all || per_file) request.limit = std::nullopt;
-  SearchResult result = search_current(db, request, command.io().err, options.quiet);
+  SearchResult result = options.as_indexed
+                            ? cli::search(db, request)
+                            : search_current(db, request, command.io().err, options.quiet);
 
   if (per_file) {
     // Files in the order of their first matching line, with how many lines matched.
