@@ -495,8 +495,18 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress) {
     // Files written about when the last run read them are read again, but mostly found as
     // they were: they do not count towards a full build.
     if (static_cast<double>(changes->count() - changes->unsure) > limit) {
-      report.full_reason = fmt::format("{} files added, changed or removed of {}", changes->count(),
-                                       listed.paths.size());
+      const auto marked = std::count_if(
+          recorded->files.begin(), recorded->files.end(),
+          [](const auto& file) { return file.second.hash == storage::REINDEX_SENTINEL_HASH; });
+      report.full_reason =
+          recorded->states.empty()
+              ? std::string("the index records no file states yet")
+              : fmt::format("{} files added, changed or removed of {}{}", changes->count(),
+                            listed.paths.size(),
+                            marked == 0 ? std::string()
+                                        : fmt::format(", {} of them marked by a changed "
+                                                      "extractor stamp",
+                                                      marked));
       changes.reset();
     }
   }
