@@ -173,6 +173,14 @@ TEST_F(DatabaseIndexTest,
            " has 1 row(s) that refer to missing rows, the first in symbols (rowid 7, to files)"},
       {adjusted("UPDATE code_chunks_content SET c0 = 'changed' WHERE id = 105906176"),
        refused + " is damaged: database disk image is malformed"},
+      // A build this process noted as its own is checked whole once another file takes its place.
+      {[&] {
+         adjusted("UPDATE code_chunks_content SET c0 = 'changed' WHERE id = 105906176")();
+         std::filesystem::copy_file(staging_, staging_.string() + ".copy");
+         storage::note_built_here(staging_);
+         std::filesystem::rename(staging_.string() + ".copy", staging_);
+       },
+       refused + " is damaged: database disk image is malformed"},
       {adjusted("ALTER TABLE edges DROP COLUMN line"), "no such column: line"},
       {[&] { build_staging(staging_), db_.close(); }, "Database is closed."},
       // The caller's transaction goes on (what it wrote before is committed after).

@@ -538,6 +538,7 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress) {
       build_staging(staging, request, listed.paths, run_started_ns, report, progress);
       staging.close();
     }
+    storage::note_built_here(staging_file.path());
     report.build_seconds = seconds_since(build_started);
     check_stop(request);
     const Clock::time_point swap_started = Clock::now();

@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <future>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <system_error>
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include "quilma/models/symbol.h"
 #include "quilma/sqlite/error.h"
@@ -110,10 +114,38 @@ std::int64_t copy_chunks(sqlite::Cursor& cursor) {
   return chunks;
 }
 
+// A file's identity and version, as far as the file system tells.
+struct FileVersion {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  std::int64_t mtime_ns = 0;
+  bool operator==(const FileVersion&) const = default;
+};
+
+std::optional<FileVersion> version_of(const std::filesystem::path& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return FileVersion{status.st_dev, status.st_ino, status.st_size,
+                     std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec};
+}
+
+std::mutex written_lock;
+std::map<std::string, FileVersion>& written_files() {  // guarded by written_lock
+  static std::map<std::string, FileVersion> files;
+  return files;
+}
+
+std::string key_of(const std::filesystem::path& path) {
+  return std::filesystem::absolute(path).lexically_normal().string();
+}
+
 // Refuses a staging file that is damaged or whose rows refer to rows it lacks, before the swap
 // takes any lock: its reading costs other processes no waiting. The swap copies with foreign
-// keys off, so the references are checked here instead.
+// keys off, so the references are checked here instead. FTS5's own check of the chunks, the
+// longest, is spared a file that this process wrote itself and that nobody changed since.
 void check_staging(const std::filesystem::path& staging_path) {
+  const bool own = detail::built_here(staging_path);
   const std::string name = staging_path.string();
   // Each check reads the whole file: they run side by side, on a connection each. FTS5's own
   // check compares code_chunks' index with its text, which the swap may copy as they are.
@@ -124,7 +156,7 @@ void check_staging(const std::filesystem::path& staging_path) {
   std::future<void> chunks = std::async(std::launch::async, [&] {
     sqlite::Connection connection(staging_path);
     sqlite::Cursor cursor = connection.cursor();
-    if (detail::has_code_chunks(cursor)) {
+    if (!own && detail::has_code_chunks(cursor)) {
       cursor.execute("INSERT INTO code_chunks (code_chunks) VALUES ('integrity-check')");
     }
   });
@@ -171,6 +203,13 @@ std::string column_list(sqlite::Cursor& cursor, std::string_view table) {
 }  // namespace
 
 namespace detail {
+
+bool built_here(const std::filesystem::path& path) {
+  const std::optional<FileVersion> version = version_of(path);
+  const std::lock_guard hold(written_lock);
+  const auto found = written_files().find(key_of(path));
+  return version && found != written_files().end() && found->second == *version;
+}
 
 bool has_code_chunks(sqlite::Cursor& cursor, std::string_view schema) {
   return cursor
@@ -303,6 +342,12 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
   } catch (const sqlite::Error&) {  // maintenance: the next checkpoint empties it
   }
   return inserted;
+}
+
+void note_built_here(const std::filesystem::path& staging_path) {
+  const std::optional<FileVersion> version = version_of(staging_path);
+  const std::lock_guard hold(written_lock);
+  if (version) written_files()[key_of(staging_path)] = *version;
 }
 
 Counts Database::get_stats() {
