@@ -40,10 +40,11 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// Files per transaction of the staging build: large enough that commits cost little, small
-// enough that the staging log is checkpointed as it goes rather than growing to the index's
-// size.
-constexpr std::int64_t BATCH_FILES = 500;
+// Files per transaction of the staging build. Each commit leaves a segment of the full-text
+// index, and the swap copies them as they are: few enough that the live index never holds 16
+// segments at one level, at which FTS5 would merge them all at once in the next update's
+// write (seconds of work). The log grows to about a fifth of the index before a checkpoint.
+constexpr std::int64_t BATCH_FILES = 4000;
 // Files per transaction of an update of the live index: few, so that a writer of another
 // process waits little between them.
 constexpr std::size_t UPDATE_BATCH_FILES = 32;
@@ -223,6 +224,9 @@ void build_staging(storage::Database& staging, const IndexRequest& request,
       }
     });
   }
+  // One segment: the live index's automatic merging then only ever works on the small
+  // segments that updates add. Left in several, the first update's write merges them whole.
+  staging.execute("INSERT INTO code_chunks (code_chunks) VALUES ('optimize')");
 }
 
 // Whether `prepared` is left out of the index for the reason recorded for it already.
@@ -259,13 +263,6 @@ void update_index(storage::Database& live, const IndexRequest& request, const Re
         "now, and the next run does the rest",
         done, total));
   };
-  if (total > 0) {
-    // A full build leaves its full-text index in many segments of one level, more than FTS5
-    // lets stand: left at its default, the first update's write would merge them all at once,
-    // seconds of work. Its automatic merging works through them a little at each write instead.
-    live.execute("INSERT INTO code_chunks (code_chunks, rank) VALUES ('crisismerge', ?)",
-                 {STAGING_CRISIS_MERGE});
-  }
   FilePipeline files(request.repo, paths);
   progress.start();
   for (std::size_t next = 0; next < paths.size();) {
