@@ -343,7 +343,7 @@ fs::path move_aside(const fs::path& path) {
   const std::time_t now = std::time(nullptr);
   std::tm utc{};
   gmtime_r(&now, &utc);
-  const fs::path aside =
+  fs::path aside =
       fmt::format("{}.damaged-{:04}{:02}{:02}T{:02}{:02}{:02}Z", path.string(), utc.tm_year + 1900,
                   utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
   std::error_code absent;
