@@ -420,7 +420,9 @@ void open_database(storage::Database& db) {
   db.migrate_schema();
 }
 
-IndexReport index_repository(const IndexRequest& request, Progress& progress) {
+namespace {
+
+IndexReport index_once(const IndexRequest& request, Progress& progress) {
   const Clock::time_point started = Clock::now();
   const std::int64_t run_started_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
                                           std::chrono::system_clock::now().time_since_epoch())
@@ -467,7 +469,7 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress) {
   bool noted = fs::exists(damage_note);
   if (noted && damaged(request.database)) {
     report.moved_aside = move_aside(request.database);
-    report.damage = "a command found it damaged, and its integrity check failed";
+    report.damage = "it failed as it was read, and its integrity check failed";
   }
   try {
     open_live();
@@ -574,6 +576,20 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress) {
   live->close();
   report.total_seconds = seconds_since(started);
   return report;
+}
+
+}  // namespace
+
+IndexReport index_repository(const IndexRequest& request, Progress& progress) {
+  try {
+    return index_once(request, progress);
+  } catch (const sqlite::Error& error) {
+    if (!is_damage(error)) throw;
+    // The run's own reads found damage where the steps above do not look for it: the next
+    // run checks the file whole, and moves it aside when it is damaged.
+    note_damage(request.database);
+    return index_once(request, progress);
+  }
 }
 
 bool is_damage(const sqlite::Error& error) {
