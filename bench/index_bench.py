@@ -1,11 +1,17 @@
 #!/usr/bin/env python3
 """The index benchmark: `quilma-db index` over a generated tree of about 20 000 files and
-200 MiB, in three runs that a user meets:
+200 MiB, in the runs that a user meets:
 
-  first    into a new database;
-  again    the same tree again, so the swap replaces an index of the same size;
+  first    into a new database (a full build);
+  again    the same tree again with --full, so the swap replaces an index of the same size;
+  none     no file changed: an update that finds nothing to do;
+  ten      10 files changed (a line appended to each): an update of those 10;
   shrunk   a tenth of the tree into that database, so the swap frees most of the file and
            compaction gives it back.
+
+The updates are timed from process start to exit, as the median of RUNS runs, and set against
+the full build ("again"): the goals are 10 changed files in at most 1.5 s and a tenth of a full
+build, and no change in at most 0.5 s.
 
 For each it reports files/s and MiB/s of the whole run and the shares of listing, building
 the staging database, and the swap with its compaction (and, from the storage layer's own
@@ -19,6 +25,7 @@ import os
 import re
 import shutil
 import sqlite3
+import statistics
 import subprocess
 import sys
 import time
@@ -55,8 +62,11 @@ def tenth_of(tree, path):
     return kept
 
 
-def index(binary, tree, db):
-    run = subprocess.run([binary, "--json", "-v", "--db", db, "index", tree],
+RUNS = 5
+
+
+def index(binary, tree, db, *flags):
+    run = subprocess.run([binary, "--json", "-v", "--db", db, "index", *flags, tree],
                          capture_output=True, text=True, check=True)
     report = json.loads(run.stdout)
     compact = re.search(r"Compacted .*: (\d+) free pages released .* in ([\d.]+)s", run.stderr)
@@ -89,12 +99,41 @@ def fts_floor(tree):
     return seconds
 
 
+def wall(command):
+    started = time.perf_counter()
+    subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+    return time.perf_counter() - started
+
+
+def updates(binary, tree, db):
+    """Median seconds, process start to exit, of an update with nothing changed and of one
+    with 10 files changed; the tree is as it was afterwards."""
+    paths = sorted(os.path.join(d, n) for d, _, names in os.walk(tree) for n in names)
+    changed = paths[::len(paths) // 10][:10]
+    command = [binary, "-q", "--db", db, "index", tree]
+    wall(command)  # settles the files' recorded times
+    none = statistics.median(wall(command) for _ in range(RUNS))
+    ten = []
+    originals = {path: open(path, "rb").read() for path in changed}
+    try:
+        for run in range(RUNS):
+            for path in changed:
+                with open(path, "ab") as out:
+                    out.write(f"# changed in run {run}\n".encode())
+            ten.append(wall(command))
+    finally:
+        for path, content in originals.items():
+            with open(path, "wb") as out:
+                out.write(content)
+    return none, statistics.median(ten)
+
+
 def describe(name, report, floor):
     total = report["seconds"]["total"]
     mib = report["bytes"] / 1048576
     shares = {key: report["seconds"][key] / total for key in ("list", "build", "swap")}
-    print(f"{name:7} {report['files'] + report['errors']:6d} files {mib:6.1f} MiB "
-          f"{total:6.1f} s  {(report['files'] + report['errors']) / total:6.0f} files/s "
+    print(f"{name:7} {report['read']:6d} files {mib:6.1f} MiB "
+          f"{total:6.1f} s  {(report['read']) / total:6.0f} files/s "
           f"{mib / total:5.1f} MiB/s  list {shares['list']:4.0%}  build {shares['build']:4.0%}  "
           f"swap+compaction {shares['swap']:4.0%} (compaction {report['compact_seconds'] / total:4.0%}, "
           f"{report['pages_released']} pages)" +
@@ -125,7 +164,8 @@ def main():
 
     floor = fts_floor(tree)
     first = index(args.binary, tree, db)
-    again = index(args.binary, tree, db)
+    again = index(args.binary, tree, db, "--full")
+    none, ten = updates(args.binary, tree, db)
     small_tree = os.path.join(args.dir, f"index-tree-{args.files}-tenth")
     tenth_of(tree, small_tree)
     shrunk = index(args.binary, small_tree, db)
@@ -136,6 +176,11 @@ def main():
     describe("first", first, floor)
     describe("again", again, floor)
     describe("shrunk", shrunk, None)
+    full = again["seconds"]["total"]
+    print(f"none    update, no file changed    {none:6.2f} s  (goal <= 0.5 s)  "
+          f"{none / full:6.1%} of a full build")
+    print(f"ten     update, 10 files changed   {ten:6.2f} s  (goal <= 1.5 s)  "
+          f"{ten / full:6.1%} of a full build (goal <= 10%)")
 
 
 if __name__ == "__main__":

@@ -135,16 +135,20 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
   // A file is read up to the limit, and no further.
   write(repo_ / "big/limit.txt", std::string(MAX_FILE_BYTES - 9, 'a') + " lastWord");
   write(repo_ / "big/over.txt", std::string(MAX_FILE_BYTES + 1, 'a'));
-  // A run that is stopped, or fails, leaves the index as it was.
+  // A full build that is stopped, or fails, leaves the index as it was.
   const std::atomic<bool> stop{true};  // as the interrupt handler leaves it
-  EXPECT_EQ(in_repo({"index", "--quiet"}, &stop).told,
+  EXPECT_EQ(in_repo({"index", "--quiet", "--full"}, &stop).told,
             "130 quilma-db: index: interrupted; the index was left as it was\n");
   {
     testing::FaultVfs vfs;
     vfs.fail_writes_after(std::int64_t{64} * 1024);  // the staging build runs out of disk
-    EXPECT_EQ(in_repo({"index", "--quiet"}).told, "1 quilma-db: index: database or disk is full\n");
+    EXPECT_EQ(in_repo({"index", "--quiet", "--full"}).told,
+              "1 quilma-db: index: database or disk is full\n");
   }
-  expect_outputs(before);
+  const std::string errors_before =
+      "assets/logo.png: binary: a NUL byte at offset 8\n"
+      "legacy/latin1.txt:2: not_utf8: not UTF-8 at offset 14\n";
+  expect_outputs({{{"generation"}, "1\n"}, {{"errors"}, errors_before}});
   EXPECT_EQ(ls(), "0 index.db\n");
 
   // Staging files of runs that did not end are removed; one that a run still holds is not, nor
@@ -164,12 +168,14 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
             "0 index.db\nindex.db.staging-dead01.txt\nindex.db.staging-live01\n"
             "index.db.staging-mine01\n");
   const json report = json::parse(indexed.out);
-  EXPECT_EQ(json({report["files"], report["errors"], report["generation"]}), json({6, 4, 2}));
+  // An update: the index holds 6 files, 1 with a stray byte; 3 are left out.
+  EXPECT_EQ(json({report["files"], report["left_out"], report["not_utf8"], report["generation"]}),
+            json({6, 3, 1, 1}));
   expect_outputs(
       {{{"search", "plantedIdentifier"}, ""},
        {{"search", "renamedIdentifier"}, "src/planted.py:5: renamedIdentifier = compute(5)\n"},
        {{"search", "latinName"}, "caf\\xe9.py:1: latinName = 1\n"},
-       {{"generation"}, "2\n"},
+       {{"generation"}, "1\n"},
        {{"errors"},
         "assets/logo.png: binary: a NUL byte at offset 8\n"
         "big/over.txt: too_large: 1.0 MiB, over the limit of 1 MiB\n"
@@ -210,6 +216,22 @@ TEST_F(IndexedRepoTest, JsonAndPlainAnswersAndCheckNamesWhatIsDamaged) {
   const json problems = json::parse(in_repo({"check", "--json"}).out)["problems"];
   EXPECT_EQ(check.told, "1 quilma-db: check: integrity check failed: " + file.string() + " (" +
                             std::to_string(problems.size()) + " problems)\n");
+  // Other commands name the damaged file; index moves it aside with its log and builds anew.
+  const Result search = in_repo({"search", "planted"});
+  EXPECT_TRUE(search.told.starts_with("1 quilma-db: search: the index " + file.string() +
+                                      " is damaged (") &&
+              search.told.ends_with("); 'quilma-db index' rebuilds it\n"))
+      << search.told;
+  const Result rebuilt = in_repo({"index", "-q"});
+  EXPECT_TRUE(rebuilt.told.starts_with("0 quilma-db: index: " + file.string() + " was damaged (") &&
+              rebuilt.told.find("); moved it to " + file.string() + ".damaged-") !=
+                  std::string::npos &&
+              rebuilt.told.ends_with(" and built a new one\n"))
+      << rebuilt.told;
+  EXPECT_NE(rebuilt.out.find("a full build (the index was damaged)"), std::string::npos);
+  EXPECT_EQ(shell("cd " + index_.string() + " && ls | sed 's/-[0-9TZ]*/-T/'"),
+            "0 index.db\nindex.db.damaged-T\nindex.db.damaged-T-wal\n");
+  expect_outputs({{{"check"}, "ok\n"}, {{"search", "plantedIdentifier"}, PLANTED}});
 }
 
 TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
@@ -311,6 +333,57 @@ TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
   // A run gives the storage layer's loggers back as it found them.
   EXPECT_EQ(storage::database_logger()->level(), level);
 }
+
+// A change to a git work tree, and the summary of the update that follows it.
+struct TreeChange {
+  const char* name;
+  const char* command;  // run in the work tree
+  const char* summary;  // what the update reports
+};
+
+class ChangedTreeTest : public ::testing::TestWithParam<TreeChange> {};
+
+// Before the next index run search reads the changed files themselves; after it, the index has
+// them. Either way it prints the lines that git grep prints in the changed tree.
+TEST_P(ChangedTreeTest, SearchAnswersAsGitGrepBeforeAndAfterTheUpdate) {
+  testing::TempDir dir;
+  const std::string git = "cd " + dir.path().string() + " && git ";
+  write(dir / "a.py", python_with("target", 49));  // its last chunk's first line is 51
+  write(dir / "b.py", python_with("target", 10));
+  write(dir / "c.md", "target\n");
+  ASSERT_EQ(shell(git + "init -q && " + git + "add -A"), "0 ");
+  ASSERT_EQ(quilma_db({"index", "-q", dir.path().string()}).told, "0 ");
+  ASSERT_EQ(shell("cd " + dir.path().string() + " && " + GetParam().command), "0 ");
+  for (const bool updated : {false, true}) {
+    if (updated) {
+      const Result update = quilma_db({"index", "-q", dir.path().string()});
+      EXPECT_NE(update.out.find(GetParam().summary), std::string::npos) << update.out;
+    }
+    // search prints a line without its indent.
+    const std::string grep =
+        shell(git + "grep --untracked -n -w -I target | sed -E 's/^([^:]*:[0-9]+:)\\s*/\\1 /'");
+    EXPECT_EQ("0 " + quilma_db({"search", "-w", "-s", "--all", "--sort", "path", "target",
+                                dir.path().string()})
+                         .out,
+              grep)
+        << (updated ? "after the update" : "before it");
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Changes, ChangedTreeTest,
+    ::testing::Values(
+        TreeChange{"add", "printf 'x\\ntarget()\\n' > new.py",
+                   "1 added, 0 updated, 0 removed, 3 unchanged"},
+        TreeChange{"line_shift", "sed -i '1i import os' a.py",
+                   "0 added, 1 updated, 0 removed, 2 unchanged"},
+        TreeChange{"delete", "git rm -qf b.py", "0 added, 0 updated, 1 removed, 2 unchanged"},
+        TreeChange{"rename", "mkdir d && git mv b.py d/b.py",
+                   "1 added, 0 updated, 1 removed, 2 unchanged"},
+        TreeChange{"turns_binary", "printf 'target\\0' > c.md",
+                   "0 added, 1 updated, 0 removed, 2 unchanged; 1 left out, 0 with bytes that "
+                   "are not UTF-8"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // Lines made of identifiers that a word-splitting index confuses: snake_case inside longer
 // names, CamelCase, ALL_CAPS, a::b, accents, a stray Latin-1 byte and CRLF endings, in a git

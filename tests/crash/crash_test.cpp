@@ -3,6 +3,7 @@
 // time, the file must open, pass SQLite's integrity check, and hold exactly the index from
 // before the operation or exactly the one after it. QUILMA_CRASH_POINTS sets the points per
 // operation.
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <random>
+#include <set>
 #include <thread>
 
 #include <fmt/format.h>
@@ -45,12 +47,16 @@ struct Operation {
   // For an operation that keeps the contents: the pragma telling the file before from after.
   // A compaction commits in steps, each of which leaves a whole file between the two.
   const char* shape = nullptr;
+  // An update in place, which commits file by file: a killed run leaves each file old or new,
+  // and the next run brings every one to new.
+  bool per_file = false;
 };
 
 // Runs `op` in a child process, killed `kill_after` from the operation's beginning when given:
 // its exit status (128 plus the signal that ended it), and how long it ran from that beginning.
 std::pair<int, Clock::duration> run(const Operation& op,
-                                    std::optional<Clock::duration> kill_after = {}) {
+                                    std::optional<Clock::duration> kill_after = {},
+                                    int signal = SIGKILL) {
   int began[2];  // the child closes its end when the operation begins
   const pid_t pid = ::pipe(began) == 0 ? ::fork() : -1;
   if (pid < 0) throw std::system_error(errno, std::generic_category());
@@ -73,7 +79,7 @@ std::pair<int, Clock::duration> run(const Operation& op,
   ::close(began[0]);
   const Clock::time_point started = Clock::now();
   if (kill_after) std::this_thread::sleep_until(started + *kill_after);
-  if (kill_after) ::kill(pid, SIGKILL);  // an exited child is a zombie until reaped: still ours
+  if (kill_after) ::kill(pid, signal);  // an exited child is a zombie until reaped: still ours
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
   return {WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status),
@@ -111,6 +117,21 @@ State inspect(const char* shape_sql) {
   return state;
 }
 
+// Each file's text in the index, as a digest of its chunks in order, with the generation under
+// "": what an update in place must leave old or new file by file.
+std::map<std::string, std::size_t> file_texts() {
+  Database db("index.db");
+  testing::open_fully(db);
+  if (!db.check_integrity()) return {{"", 0}};
+  std::map<std::string, std::size_t> texts{{"", db.index_generation()}};
+  for (const sqlite::Row& row : db.fetchall(
+           "SELECT path, (SELECT group_concat(text, char(10)) FROM (SELECT text FROM code_chunks "
+           "WHERE rowid >= id * 1048576 AND rowid < (id + 1) * 1048576 ORDER BY rowid)) FROM "
+           "files"))
+    texts[row[0].as_text()] = std::hash<std::string>{}(row[1].is_null() ? "" : row[1].as_text());
+  return texts;
+}
+
 void build(const fs::path& path, const std::string& tag, const Operation& op) {
   sqlite::Connection raw(path);  // idle once the pragmas and the padding's table are in
   for (const std::string& pragma : op.pragmas) raw.cursor().execute(pragma);
@@ -129,17 +150,26 @@ void build(const fs::path& path, const std::string& tag, const Operation& op) {
 }
 
 // A repository of Python files in "../repo"; the next version drops some, adds others and
-// changes a third.
-void write_repo(int version) {
-  fs::remove_all("../repo");
-  for (int f = version * 100; f < 1000 + version * 100; ++f) {
+// changes a third (`step` 100, which makes a full rebuild) or a fiftieth (`step` 10, an
+// update). As a checkout does, it writes only the files whose content changes.
+void write_repo(int version, int step = 100) {
+  std::set<fs::path> kept;
+  for (int f = version * step; f < 1000 + version * step; ++f) {
     const fs::path path = fmt::format("../repo/pkg{}/m{}.py", f % 7, f);
-    fs::create_directories(path.parent_path());
-    std::ofstream out(path);
+    std::string text;
     for (int line = 0; line < 60; ++line)
-      out << fmt::format("def fn_{}_{}_v{}(x):\n    return x + {}\n", f, line, f % 3 ? 0 : version,
-                         line);
+      text += fmt::format("def fn_{}_{}_v{}(x):\n    return x + {}\n", f, line,
+                          f % (step == 100 ? 3 : 50) ? 0 : version, line);
+    kept.insert(path);
+    std::ifstream in(path);
+    if (std::string(std::istreambuf_iterator<char>(in), {}) == text) continue;
+    fs::create_directories(path.parent_path());
+    std::ofstream(path) << text;
   }
+  std::vector<fs::path> dropped;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator("../repo"))
+    if (entry.is_regular_file() && !kept.contains(entry.path())) dropped.push_back(entry.path());
+  for (const fs::path& path : dropped) fs::remove(path);
 }
 
 void compact(Database& db) {
@@ -161,9 +191,15 @@ const std::vector<Operation> OPERATIONS{
 #ifdef QUILMA_DB
     {"cli_index", [](Database& db) {
        db.close();
-       ::execl(QUILMA_DB, QUILMA_DB, "--quiet", "--db", "index.db", "index", "../repo", nullptr);
+       ::execl(QUILMA_DB, QUILMA_DB, "--quiet", "--db", "index.db", "index", "--full", "../repo",
+               nullptr);
        throw std::system_error(errno, std::generic_category(), QUILMA_DB);
      }},
+    {"cli_update", [](Database& db) {
+       db.close();
+       ::execl(QUILMA_DB, QUILMA_DB, "--quiet", "--db", "index.db", "index", "../repo", nullptr);
+       throw std::system_error(errno, std::generic_category(), QUILMA_DB);
+     }, 0, {}, 0, nullptr, true},
 #endif
 };
 // clang-format on
@@ -182,10 +218,11 @@ TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
   fs::current_path("template");
   if (op.files > 0) build("index.db", "old", op);
   if (op.name == "swap") build("staging.db", "new", {"staging", nullptr, 2000});
-  if (op.name == "cli_index") {  // indexed once, then changed
-    write_repo(0);
+  if (op.name.starts_with("cli_")) {  // indexed once, then changed
+    const int step = op.per_file ? 10 : 100;
+    write_repo(0, step);
     ASSERT_EQ(run(op).first, 0) << "the first index failed";
-    write_repo(1);
+    write_repo(1, step);
   }
   const auto fresh_run = [&]() -> const Operation& {
     fs::current_path(dir.path());
@@ -197,8 +234,13 @@ TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
   // Before: the template as it is. After: one run to its end, which also times the operation.
   fresh_run();
   const auto before = inspect(op.shape);
+  const auto texts_before = file_texts();
   const auto [status, whole] = run(fresh_run());
   const auto after = inspect(op.shape);
+  const auto texts_after = file_texts();
+  if (op.per_file) {
+    ASSERT_EQ(texts_after.at(""), texts_before.at("")) << "the update swapped";
+  }
   ASSERT_EQ(status, 0);
   const std::string both = fmt::format("\nbefore: {}\nafter:  {}", before, after);
   ASSERT_TRUE(op.shape != nullptr ? after.second == before.second && after.first != before.first
@@ -211,8 +253,34 @@ TEST_P(CrashTest, AKilledRunLeavesTheOldOrTheNewIndexWhole) {
   std::uniform_real_distribution<double> jitter(0.0, 1.0);
   std::map<std::string, int> seen;
   for (int point = 0; point < count; ++point) {
-    const auto [ended, took] = run(fresh_run(), std::chrono::duration_cast<Clock::duration>(
-                                                    whole * ((point + jitter(random)) / count)));
+    // An update is also stopped as a terminal stops it: Ctrl-C, and SIGTERM.
+    const int signal = op.per_file ? std::array{SIGKILL, SIGINT, SIGTERM}[point % 3] : SIGKILL;
+    const auto [ended, took] =
+        run(fresh_run(),
+            std::chrono::duration_cast<Clock::duration>(whole * ((point + jitter(random)) / count)),
+            signal);
+    if (op.per_file) {
+      const auto texts = file_texts();
+      std::size_t changed = 0;  // files that the run changed, and those it had still to change
+      std::size_t pending = 0;
+      for (const auto& [path, text] : texts) {
+        const auto was = texts_before.find(path);
+        const auto is = texts_after.find(path);
+        const bool old = was != texts_before.end() && was->second == text;
+        const bool new_ = is != texts_after.end() && is->second == text;
+        changed += new_ && !old;
+        pending += old && !new_;
+        EXPECT_TRUE(old || new_) << fmt::format("point {}: status {}, {} is neither old nor new",
+                                                point, ended, path);
+      }
+      // Ended by itself, killed, or stopped by the signal (its handler, or before it was set).
+      EXPECT_TRUE(ended == 0 || ended == 128 + SIGKILL || ended == 130 || ended == 128 + SIGTERM)
+          << ended;
+      ++seen[changed == 0 ? "old" : pending == 0 ? "new" : "part new"];
+      ASSERT_EQ(run(op).first, 0);  // the next run does the rest
+      EXPECT_EQ(file_texts(), texts_after) << "point " << point;
+      continue;
+    }
     const auto state = inspect(op.shape);
     const bool old = state == before, new_ = state == after;
     const bool partial = op.name == "compact" && state.second == before.second;

@@ -220,6 +220,14 @@ TEST_F(DatabaseIndexTest,
       {adjusted("DROP TABLE code_chunks; CREATE VIRTUAL TABLE code_chunks USING fts5(text, "
                 "start_line UNINDEXED, end_line UNINDEXED, exact UNINDEXED, content='')"),
        refused + ": its code_chunks does not keep the chunks' text, which the live index needs"},
+      // A build this process noted as its own is checked whole once another file takes its place.
+      {[&] {
+         adjusted("UPDATE code_chunks_content SET c0 = 'changed' WHERE id = 105906176")();
+         std::filesystem::copy_file(staging_, staging_.string() + ".copy");
+         storage::note_built_here(staging_);
+         std::filesystem::rename(staging_.string() + ".copy", staging_);
+       },
+       refused + " is damaged: database disk image is malformed"},
       {adjusted("ALTER TABLE edges DROP COLUMN line"), "no such column: line"},
       {[&] { std::filesystem::create_hard_link(dir_ / "index.db", staging_); },
        refused + " is the live database itself"},

@@ -240,7 +240,7 @@ struct Role {
     const std::string command = std::array{"stats", "generation", "search", "errors"}[step % 4];
     std::string line = fmt::format("{} --db {} --json {}", QUILMA_DB_EXECUTABLE,
                                    (dir / "index.db").string(), command);
-    if (command == "search") line += " -l --all helper";
+    if (command == "search") line += " -l --all --as-indexed helper";
     FILE* child = ::popen(line.c_str(), "r");
     std::string printed;
     for (int c = 0; (c = std::fgetc(child)) != EOF;) printed += static_cast<char>(c);

@@ -1,4 +1,5 @@
-// The forced full re-index: list, build a staging database, swap it in, clean up.
+// Indexing: list, tell what changed, then update the live index in place or build a staging
+// database and swap it in; a damaged live index is moved aside first.
 #include "quilma/cli/indexer.h"
 
 #include <algorithm>
@@ -27,12 +28,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "quilma/cli/file_rows.h"
+#include "quilma/cli/freshness.h"
 #include "quilma/cli/repo_files.h"
 #include "quilma/cli/source_file.h"
-#include "quilma/models/symbol.h"
 #include "quilma/sqlite/error.h"
 #include "quilma/storage/core_schema.h"
-#include "quilma/utils/utf8.h"
 
 namespace quilma::cli {
 
@@ -41,10 +42,14 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// Files per transaction of the staging build: large enough that commits cost little, small
-// enough that the staging log is checkpointed as it goes rather than growing to the index's
-// size.
-constexpr std::int64_t BATCH_FILES = 500;
+// Files per transaction of the staging build. Each commit leaves a segment of the full-text
+// index, and the swap copies them as they are: few enough that the live index never holds 16
+// segments at one level, at which FTS5 would merge them all at once in the next update's
+// write (seconds of work). The log grows to about a fifth of the index before a checkpoint.
+constexpr std::int64_t BATCH_FILES = 4000;
+// Files per transaction of an update of the live index: few, so that a writer of another
+// process waits little between them.
+constexpr std::size_t UPDATE_BATCH_FILES = 32;
 // Segments of the staging full-text index at one level before FTS5 merges them anyway: more
 // than a build ever writes.
 constexpr std::int64_t STAGING_CRISIS_MERGE = 100000;
@@ -163,29 +168,6 @@ void check_stop(const IndexRequest& request) {
   if (request.stop != nullptr && request.stop->load()) throw Interrupted();
 }
 
-// A file read, digested and cut into chunks, ready to be written. Its chunks view `file`'s
-// content or `replaced`, so it stays where it was made: it is handed on by pointer.
-struct PreparedFile {
-  SourceFile file;
-  std::string hash;
-  std::int64_t lines = 0;
-  std::string replaced;  // the text with U+FFFD for each stray byte, for a file that has them
-  std::vector<Chunk> chunks;
-};
-
-std::unique_ptr<PreparedFile> prepare_file(const fs::path& path) {
-  auto prepared = std::make_unique<PreparedFile>();
-  prepared->file = read_source_file(path);
-  const SourceFile& file = prepared->file;
-  if (file.problem && !file.problem->indexed) return prepared;
-  prepared->hash = content_hash(file.content);
-  prepared->lines = line_count(file.content);
-  if (file.problem) prepared->replaced = utils::replace_invalid_utf8(file.content);
-  prepared->chunks = chunk_lines(file.problem ? std::string_view(prepared->replaced)
-                                              : std::string_view(file.content));
-  return prepared;
-}
-
 // Prepares the files on a thread of its own, in order and at most AHEAD of them before the one
 // being written, so that reading and digesting the files overlap with SQLite's tokenising.
 class FilePipeline {
@@ -233,32 +215,22 @@ class FilePipeline {
   std::jthread worker_;  // last: asked to stop and joined before the members above go
 };
 
-// Writes one readable file: its row, its anchor symbol and its chunks. The digest is of the
-// bytes on disk; the chunks of a file with stray bytes hold U+FFFD for each and are marked
-// inexact.
-void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
-              const PreparedFile& prepared) {
-  const std::optional<std::string_view> language = language_of(path);
-  cursor.execute(
-      "INSERT INTO files (id, path, language, hash, size) VALUES (?, ?, ?, ?, ?)",
-      {id, path, language, prepared.hash, static_cast<std::int64_t>(prepared.file.size)});
-  const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
-  cursor.execute(
-      "INSERT INTO symbols (file_id, name, kind, line, end_line, qualified_name) "
-      "VALUES (?, ?, ?, ?, ?, ?)",
-      {id, name, models::FILE_SYMBOL_KIND, 1, prepared.lines, path});
-  const bool exact = !prepared.file.problem;
-  std::int64_t index = 0;
-  for (const Chunk& chunk : prepared.chunks) {
+// Reads `file` into the index on `cursor`: its rows under `id` (when it is text), its error
+// record (when it has a problem), and its state.
+void write_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
+                const PreparedFile& prepared, std::int64_t run_started_ns) {
+  if (const std::optional<FileProblem>& problem = prepared.file.problem) {
     cursor.execute(
-        "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, ?)",
-        {storage::core_schema::chunk_rowid(id, index++), chunk.text, chunk.start_line,
-         chunk.end_line, exact ? 1 : 0});
+        "INSERT INTO index_errors (file_path, error_type, message, line) VALUES (?, ?, ?, ?)",
+        {path, problem->type, problem->message, problem->line});
   }
+  if (prepared.indexed()) add_file(cursor, id, path, prepared);
+  record_state(cursor, path, prepared, run_started_ns);
 }
 
 void build_staging(storage::Database& staging, const IndexRequest& request,
-                   const std::vector<std::string>& paths, IndexReport& report, Progress& progress) {
+                   const std::vector<std::string>& paths, std::int64_t run_started_ns,
+                   IndexReport& report, Progress& progress) {
   // The swap copies the staging build's full-text index as it is. Merging its segments while
   // building costs about a third of the build; a large in-memory hash instead leaves one
   // segment per transaction, few enough that a lookup in the live index stays well under a
@@ -268,8 +240,10 @@ void build_staging(storage::Database& staging, const IndexRequest& request,
                   {STAGING_CRISIS_MERGE});
   staging.execute("INSERT INTO code_chunks (code_chunks, rank) VALUES ('hashsize', ?)",
                   {STAGING_HASH_BYTES});
+  staging.execute(FILE_STATES_DDL);
   const auto total = static_cast<std::int64_t>(paths.size());
   std::int64_t next = 0;
+  std::int64_t id = 0;
   FilePipeline files(request.repo, paths);
   progress.start();
   while (next < total) {
@@ -278,15 +252,94 @@ void build_staging(storage::Database& staging, const IndexRequest& request,
         check_stop(request);
         const std::string& path = paths[static_cast<std::size_t>(next)];
         const std::unique_ptr<PreparedFile> prepared = files.next();
-        const SourceFile& file = prepared->file;
-        report.bytes += file.content.size();
-        if (file.problem) {
-          staging.record_error(path, file.problem->type, file.problem->message, file.problem->line);
-          ++report.errors;
-        }
-        if (!file.problem || file.problem->indexed)
-          add_file(cursor, ++report.files, path, *prepared);
+        report.bytes += prepared->file.content.size();
+        ++report.read;
+        write_file(cursor, prepared->indexed() ? ++id : 0, path, *prepared, run_started_ns);
         progress.advance(next + 1, total, report.bytes);
+      }
+    });
+  }
+  // One segment: the live index's automatic merging then only ever works on the small
+  // segments that updates add. Left in several, the first update's write merges them whole.
+  staging.execute("INSERT INTO code_chunks (code_chunks) VALUES ('optimize')");
+}
+
+// Whether `prepared` is left out of the index for the reason recorded for it already.
+bool left_out_as_before(sqlite::Cursor& cursor, const std::string& path,
+                        const PreparedFile& prepared) {
+  const std::optional<FileProblem>& problem = prepared.file.problem;
+  return !prepared.indexed() && cursor
+                                    .execute(
+                                        "SELECT 1 FROM index_errors WHERE file_path = ? AND "
+                                        "error_type = ? AND message = ?",
+                                        {path, problem->type, problem->message})
+                                    .fetchone()
+                                    .has_value();
+}
+
+// Brings the live index up to date file by file: the files `changes` names are read again and
+// written over their old rows, and those removed are taken out. A file's rows, error records
+// and state change in one transaction; a few files share one, so that a reader sees each file
+// whole, old or new. The index generation stays: no file id changes its path.
+void update_index(storage::Database& live, const IndexRequest& request, const Recorded& recorded,
+                  const Changes& changes, std::int64_t run_started_ns, IndexReport& report,
+                  Progress& progress) {
+  std::vector<std::string> paths = changes.added;
+  paths.insert(paths.end(), changes.modified.begin(), changes.modified.end());
+  std::sort(paths.begin(), paths.end());
+  report.unchanged = changes.unchanged;
+  const auto total = static_cast<std::int64_t>(paths.size() + changes.removed.size());
+  std::int64_t done = 0;
+  std::int64_t next_id = recorded.max_id;
+  const auto stop_asked = [&] { return request.stop != nullptr && request.stop->load(); };
+  const auto interrupted = [&] {
+    return Interrupted(fmt::format(
+        "interrupted after {} of {} changed files; each is in the index as it was or as it is "
+        "now, and the next run does the rest",
+        done, total));
+  };
+  FilePipeline files(request.repo, paths);
+  progress.start();
+  for (std::size_t next = 0; next < paths.size();) {
+    if (stop_asked()) throw interrupted();
+    live.transaction([&](sqlite::Cursor& cursor) {
+      for (const std::size_t end = std::min(paths.size(), next + UPDATE_BATCH_FILES); next < end;
+           ++next) {
+        const std::string& path = paths[next];
+        const std::unique_ptr<PreparedFile> prepared = files.next();
+        report.bytes += prepared->file.content.size();
+        ++report.read;
+        const auto old = recorded.files.find(path);
+        const bool known = old != recorded.files.end() || recorded.states.contains(path);
+        if (old != recorded.files.end() ? prepared->indexed() && old->second.hash == prepared->hash
+                                        : known && left_out_as_before(cursor, path, *prepared)) {
+          record_state(cursor, path, *prepared, run_started_ns);  // touched, not changed
+          ++report.unchanged;
+        } else {
+          if (old != recorded.files.end()) {
+            // Its symbols go with it, and a trigger takes its chunks.
+            cursor.execute("DELETE FROM files WHERE id = ?", {old->second.id});
+          }
+          cursor.execute("DELETE FROM index_errors WHERE file_path = ?", {path});
+          const std::int64_t id = old != recorded.files.end() ? old->second.id : ++next_id;
+          write_file(cursor, id, path, *prepared, run_started_ns);
+          ++(known ? report.updated : report.added);
+        }
+        progress.advance(++done, total, report.bytes);
+      }
+    });
+  }
+  for (std::size_t next = 0; next < changes.removed.size();) {
+    if (stop_asked()) throw interrupted();
+    live.transaction([&](sqlite::Cursor& cursor) {
+      for (const std::size_t end = std::min(changes.removed.size(), next + UPDATE_BATCH_FILES * 8);
+           next < end; ++next) {
+        const std::string& path = changes.removed[next];
+        cursor.execute("DELETE FROM files WHERE path = ?", {path});
+        cursor.execute("DELETE FROM index_errors WHERE file_path = ?", {path});
+        cursor.execute("DELETE FROM file_states WHERE path = ?", {path});
+        ++report.removed;
+        progress.advance(++done, total, report.bytes);
       }
     });
   }
@@ -298,6 +351,71 @@ std::string utc_now() {
   gmtime_r(&now, &utc);
   return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", utc.tm_year + 1900, utc.tm_mon + 1,
                      utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+}
+
+// Beside the index: a command found it damaged (note_damage).
+constexpr std::string_view DAMAGE_NOTE_SUFFIX = ".damaged-seen";
+
+// Whether the index file at `path` is damaged: it does not open, its schema cannot be read,
+// or SQLite's integrity check finds problems. A file that is only busy is not damaged.
+bool damaged(const fs::path& path) {
+  std::error_code missing;
+  if (!fs::exists(path, missing)) return false;
+  try {
+    storage::Database db(path);
+    open_database(db);
+    const bool sound = db.check_integrity();
+    db.close();
+    return !sound;
+  } catch (const sqlite::Error& error) {
+    return is_damage(error);
+  }
+}
+
+// Moves the damaged index at `path` and its log aside, to "<path>.damaged-<time>"; returns
+// where. Its shared memory is of no use to anyone and goes.
+fs::path move_aside(const fs::path& path) {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  fs::path aside =
+      fmt::format("{}.damaged-{:04}{:02}{:02}T{:02}{:02}{:02}Z", path.string(), utc.tm_year + 1900,
+                  utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+  std::error_code absent;
+  fs::rename(path.string() + "-wal", aside.string() + "-wal", absent);
+  fs::rename(path, aside);
+  fs::remove(path.string() + "-shm", absent);
+  return aside;
+}
+
+// Swaps the staging build at `staging` into `live`. The file states go first, in a
+// transaction of their own: a state row vouches only for the digest it holds, so should the
+// swap not happen the files that changed are still read again by the next run.
+void swap_in(storage::Database& live, const fs::path& staging, const IndexRequest& request) {
+  live.execute("ATTACH DATABASE ? AS built", {staging.string()});
+  const auto detach = [&live] { live.execute("DETACH DATABASE built"); };
+  try {
+    live.transaction([](sqlite::Cursor& cursor) {
+      cursor.execute("DELETE FROM main.file_states");
+      cursor.execute("INSERT INTO main.file_states SELECT * FROM built.file_states");
+    });
+  } catch (...) {
+    try {
+      detach();
+    } catch (const sqlite::Error&) {  // the first error is the one to report
+    }
+    throw;
+  }
+  detach();
+  // The swap is one transaction, whole or not at all: a stop asked for while it runs
+  // interrupts it, and SQLite rolls it back.
+  try {
+    const SwapInterrupter interrupter(request.stop, live.connection().handle());
+    live.swap_index_from(staging);
+  } catch (const sqlite::OperationalError& error) {
+    if (error.code() == SQLITE_INTERRUPT) throw Interrupted();
+    throw;
+  }
 }
 
 }  // namespace
@@ -338,8 +456,13 @@ void open_database(storage::Database& db) {
   db.migrate_schema();
 }
 
-IndexReport index_repository(const IndexRequest& request, Progress& progress) {
+namespace {
+
+IndexReport index_once(const IndexRequest& request, Progress& progress) {
   const Clock::time_point started = Clock::now();
+  const std::int64_t run_started_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                          std::chrono::system_clock::now().time_since_epoch())
+                                          .count();
   IndexReport report;
   const RepoFiles listed = list_repo_files(request.repo, request.database);
   report.from_git = listed.from_git;
@@ -359,39 +482,161 @@ IndexReport index_repository(const IndexRequest& request, Progress& progress) {
                               leftover.path.string(),
                               static_cast<double>(leftover.bytes) / (1024.0 * 1024.0)));
   }
-  const StagingFile staging_file(request.database);
-  const Clock::time_point build_started = Clock::now();
-  {
-    storage::Database staging(staging_file.path());
-    open_database(staging);
-    build_staging(staging, request, listed.paths, report, progress);
-    staging.close();
+
+  // The live index, as it is: what it records of the files decides between an update and a
+  // full build. One that is damaged is moved aside, and a new one built.
+  std::optional<storage::Database> live;
+  std::optional<Recorded> recorded;
+  const auto open_live = [&] {
+    live.emplace(request.database);
+    open_database(*live);
+    live->execute(FILE_STATES_DDL);
+    recorded = read_recorded(*live);
+  };
+  const auto rebuild_if_damaged = [&](const sqlite::Error& error) {
+    if (live) live->close();
+    live.reset();
+    if (!damaged(request.database)) return false;
+    report.moved_aside = move_aside(request.database);
+    report.damage = error.what();
+    return true;
+  };
+  const fs::path damage_note = request.database.string() + std::string(DAMAGE_NOTE_SUFFIX);
+  bool noted = fs::exists(damage_note);
+  if (noted && damaged(request.database)) {
+    report.moved_aside = move_aside(request.database);
+    report.damage = "it failed as it was read, and its integrity check failed";
   }
-  report.build_seconds = seconds_since(build_started);
+  try {
+    open_live();
+  } catch (const sqlite::Error& error) {
+    if (!rebuild_if_damaged(error)) throw;
+    open_live();
+  }
+  if (noted) {
+    std::error_code ignored;
+    fs::remove(damage_note, ignored);
+  }
+
+  std::optional<Changes> changes;
+  if (request.full) {
+    report.full_reason = "asked for with --full";
+  } else if (recorded->files.empty() && recorded->states.empty()) {
+    report.full_reason = report.moved_aside ? "the index was damaged" : "no index yet";
+  } else {
+    changes = find_changes(*recorded, request.repo, listed.paths);
+    const double limit = std::max(FULL_REBUILD_SHARE * static_cast<double>(listed.paths.size()),
+                                  static_cast<double>(FULL_REBUILD_MIN_FILES));
+    // Files written about when the last run read them are read again, but mostly found as
+    // they were: they do not count towards a full build.
+    if (static_cast<double>(changes->count() - changes->unsure) > limit) {
+      const auto marked = std::count_if(
+          recorded->files.begin(), recorded->files.end(),
+          [](const auto& file) { return file.second.hash == storage::REINDEX_SENTINEL_HASH; });
+      report.full_reason =
+          recorded->states.empty()
+              ? std::string("the index records no file states yet")
+              : fmt::format("{} files added, changed or removed of {}{}", changes->count(),
+                            listed.paths.size(),
+                            marked == 0 ? std::string()
+                                        : fmt::format(", {} of them marked by a changed "
+                                                      "extractor stamp",
+                                                      marked));
+      changes.reset();
+    }
+  }
   check_stop(request);
 
-  // The swap is one transaction, whole or not at all: a stop asked for while it runs
-  // interrupts it, and SQLite rolls it back.
-  const Clock::time_point swap_started = Clock::now();
-  storage::Database live(request.database);
-  open_database(live);
-  try {
-    const SwapInterrupter interrupter(request.stop, live.connection().handle());
-    live.swap_index_from(staging_file.path());
-  } catch (const sqlite::OperationalError& error) {
-    if (error.code() == SQLITE_INTERRUPT) throw Interrupted();
-    throw;
+  const Clock::time_point build_started = Clock::now();
+  if (changes) {
+    report.full = false;
+    try {
+      update_index(*live, request, *recorded, *changes, run_started_ns, report, progress);
+    } catch (const sqlite::Error& error) {
+      if (!is_damage(error) || !rebuild_if_damaged(error)) throw;
+      // What the update wrote went aside with the damaged file: a full build starts over.
+      report = IndexReport{.full_reason = "the index was damaged",
+                           .moved_aside = report.moved_aside,
+                           .damage = report.damage,
+                           .from_git = report.from_git,
+                           .list_seconds = report.list_seconds};
+      open_live();
+      changes.reset();
+    }
+    report.build_seconds = seconds_since(build_started);
   }
-  if (request.stop != nullptr && request.stop->load()) {
-    progress.note("the stop came after the swap had committed: the new index is in place");
+  if (!changes) {
+    const StagingFile staging_file(request.database);
+    {
+      storage::Database staging(staging_file.path());
+      open_database(staging);
+      build_staging(staging, request, listed.paths, run_started_ns, report, progress);
+      staging.close();
+    }
+    storage::note_built_here(staging_file.path());
+    report.build_seconds = seconds_since(build_started);
+    check_stop(request);
+    const Clock::time_point swap_started = Clock::now();
+    try {
+      swap_in(*live, staging_file.path(), request);
+    } catch (const sqlite::Error& error) {
+      if (error.code() == SQLITE_INTERRUPT || !rebuild_if_damaged(error)) throw;
+      open_live();
+      swap_in(*live, staging_file.path(), request);
+    }
+    if (request.stop != nullptr && request.stop->load()) {
+      progress.note("the stop came after the swap had committed: the new index is in place");
+    }
+    report.swap_seconds = seconds_since(swap_started);
   }
-  report.swap_seconds = seconds_since(swap_started);
-  live.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
-               {storage::LAST_INDEX_KEY, utc_now()});
-  report.generation = live.index_generation();
-  live.close();
+
+  live->transaction([&](sqlite::Cursor& cursor) {
+    cursor.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
+                   {storage::LAST_INDEX_KEY, utc_now()});
+    cursor.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
+                   {REPOSITORY_KEY, request.repo.string()});
+  });
+  live->read([&](sqlite::Cursor& cursor) {
+    const auto count = [&](std::string_view sql) {
+      return cursor.execute(sql).fetchone().value()[0].as_int();
+    };
+    report.files = count("SELECT COUNT(*) FROM files");
+    report.left_out = count(
+        "SELECT COUNT(DISTINCT file_path) FROM index_errors "
+        "WHERE file_path NOT IN (SELECT path FROM files)");
+    report.not_utf8 = count(
+        "SELECT COUNT(DISTINCT file_path) FROM index_errors "
+        "WHERE file_path IN (SELECT path FROM files)");
+  });
+  report.generation = live->index_generation();
+  live->close();
   report.total_seconds = seconds_since(started);
   return report;
+}
+
+}  // namespace
+
+IndexReport index_repository(const IndexRequest& request, Progress& progress) {
+  try {
+    return index_once(request, progress);
+  } catch (const sqlite::Error& error) {
+    if (!is_damage(error)) throw;
+    // The run's own reads found damage where the steps above do not look for it: the next
+    // run checks the file whole, and moves it aside when it is damaged.
+    note_damage(request.database);
+    return index_once(request, progress);
+  }
+}
+
+bool is_damage(const sqlite::Error& error) {
+  // SQLite reports an FTS5 table whose shadow tables it cannot read as the vtable failing to
+  // construct: the ERROR code, with a message of its own.
+  return error.code() == SQLITE_CORRUPT || error.code() == SQLITE_NOTADB ||
+         std::string_view(error.what()).starts_with("vtable constructor failed");
+}
+
+void note_damage(const fs::path& database) {
+  std::ofstream(database.string() + std::string(DAMAGE_NOTE_SUFFIX));
 }
 
 }  // namespace quilma::cli

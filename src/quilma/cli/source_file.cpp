@@ -51,6 +51,7 @@ SourceFile read_source_file(const std::filesystem::path& path) {
     return file;
   }
   file.size = static_cast<std::uintmax_t>(status.st_size);
+  file.mtime_ns = std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
   if (file.size > MAX_FILE_BYTES) {
     file.problem = FileProblem{"too_large",
                                fmt::format("{:.1f} MiB, over the limit of {:.0f} MiB",

@@ -32,6 +32,9 @@ struct FileProblem {
 struct SourceFile {
   std::string content;
   std::uintmax_t size = 0;  // bytes on disk
+  // The modification time before the file was read (nanoseconds since the epoch), which the
+  // index records to tell next time whether the file may have changed.
+  std::int64_t mtime_ns = 0;
   std::optional<FileProblem> problem;
 };
 

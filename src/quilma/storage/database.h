@@ -88,6 +88,12 @@ int reader_count();
 // Until the application attaches sinks of its own, warnings go to stderr.
 std::shared_ptr<spdlog::logger> database_logger();
 
+// Notes that the staging database at `staging_path` was built by this process, which has
+// closed it: a swap from it skips FTS5's check of the chunks (the longest of its checks) while
+// the file stays as it is now (the same device, inode, size and modification time). Any other
+// file, or this one changed since, is checked whole.
+void note_built_here(const std::filesystem::path& staging_path);
+
 namespace detail {
 struct Space;
 // How long a statement on the writer waits for another process's lock on the file.

@@ -25,6 +25,10 @@ inline constexpr int MAX_READERS = 32;
 // all of it into the file, however large a swap or a VACUUM made it.
 inline constexpr std::int64_t JOURNAL_SIZE_LIMIT = 16LL * 1024 * 1024;
 
+// Whether `path` is a staging build that this process noted with note_built_here(), unchanged
+// since (the same device, inode, size and modification time).
+bool built_here(const std::filesystem::path& path);
+
 // Whether a query may run on a read connection: it begins with SELECT or WITH, or it is the
 // read of the index generation ("PRAGMA user_version"). A WITH that writes passes here and
 // is refused by the read connection, which sends it to the writer.

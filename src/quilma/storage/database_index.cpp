@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <future>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <system_error>
 
@@ -111,15 +114,43 @@ std::int64_t copy_chunks(sqlite::Cursor& cursor, bool store_checked) {
   return chunks;
 }
 
+// A file's identity and version, as far as the file system tells.
+struct FileVersion {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  std::int64_t mtime_ns = 0;
+  bool operator==(const FileVersion&) const = default;
+};
+
+std::optional<FileVersion> version_of(const std::filesystem::path& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return FileVersion{status.st_dev, status.st_ino, status.st_size,
+                     std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec};
+}
+
+std::mutex written_lock;
+std::map<std::string, FileVersion>& written_files() {  // guarded by written_lock
+  static std::map<std::string, FileVersion> files;
+  return files;
+}
+
+std::string key_of(const std::filesystem::path& path) {
+  return std::filesystem::absolute(path).lexically_normal().string();
+}
+
 // Refuses a staging file that is damaged or whose rows refer to rows it lacks, before the swap
 // takes any lock: its reading costs other processes no waiting. The swap copies with foreign
 // keys off, so the references are checked here instead.
 //
 // FTS5's own check compares code_chunks' index with its text, which the swap may then copy as
 // they are; it is an INSERT, which a file this process may not write refuses. Such a file is
-// checked without it, and its chunks are tokenised anew from their text. Returns whether the
-// chunks' index was checked.
+// checked without it, and its chunks are tokenised anew from their text. The check, the longest,
+// is also spared a file that this process wrote itself and that nobody changed since. Returns
+// whether the chunks' index was checked.
 bool check_staging(const std::filesystem::path& staging_path) {
+  const bool own = detail::built_here(staging_path);
   const std::string name = staging_path.string();
   // Each check reads the whole file: they run side by side, on a connection each.
   std::future<std::vector<sqlite::Row>> references = std::async(std::launch::async, [&] {
@@ -130,7 +161,7 @@ bool check_staging(const std::filesystem::path& staging_path) {
     sqlite::Connection connection(staging_path);
     if (detail::read_only(connection)) return false;
     sqlite::Cursor cursor = connection.cursor();
-    if (detail::has_code_chunks(cursor)) {
+    if (!own && detail::has_code_chunks(cursor)) {
       cursor.execute("INSERT INTO code_chunks (code_chunks) VALUES ('integrity-check')");
     }
     return true;
@@ -213,6 +244,13 @@ bool same_file(const std::filesystem::path& first, const std::filesystem::path& 
 }  // namespace
 
 namespace detail {
+
+bool built_here(const std::filesystem::path& path) {
+  const std::optional<FileVersion> version = version_of(path);
+  const std::lock_guard hold(written_lock);
+  const auto found = written_files().find(key_of(path));
+  return version && found != written_files().end() && found->second == *version;
+}
 
 bool has_code_chunks(sqlite::Cursor& cursor, std::string_view schema) {
   return cursor
@@ -359,6 +397,12 @@ Counts Database::swap_index_from(const std::filesystem::path& staging_path) {
               staging_path.string(), detail::counts_text(inserted));
   compact();  // what it did, or why not, it reports itself
   return inserted;
+}
+
+void note_built_here(const std::filesystem::path& staging_path) {
+  const std::optional<FileVersion> version = version_of(staging_path);
+  const std::lock_guard hold(written_lock);
+  if (version) written_files()[key_of(staging_path)] = *version;
 }
 
 Counts Database::get_stats() {

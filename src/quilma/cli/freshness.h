@@ -1,0 +1,85 @@
+// Which files of a repository changed since the index last recorded them, told cheaply from
+// each file's size and modification time against the state the index recorded; and a search
+// that takes those files into account, so that its answer is never silently out of date.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "quilma/cli/search.h"
+#include "quilma/storage/database.h"
+
+namespace quilma::cli {
+
+// schema_info key: the repository directory that the index was last brought up to date from.
+inline constexpr std::string_view REPOSITORY_KEY = "repository";
+
+// A file's size and modification time (nanoseconds since the epoch).
+struct FileStat {
+  std::int64_t size = 0;
+  std::int64_t mtime_ns = 0;
+  bool operator==(const FileStat&) const = default;
+};
+
+// What the index records of the repository's files.
+struct Recorded {
+  struct File {
+    std::int64_t id = 0;
+    std::optional<std::string> hash;
+  };
+  struct State {
+    FileStat stat;
+    std::optional<std::string> hash;  // what the file was indexed with; none when left out
+  };
+  std::unordered_map<std::string, File> files;    // `files`, by path
+  std::unordered_map<std::string, State> states;  // `file_states`, by path
+  bool has_states = false;                        // the index has `file_states` at all
+  std::int64_t max_id = 0;                        // the largest file id
+};
+
+// Reads `files` and `file_states` in one snapshot.
+Recorded read_recorded(storage::Database& db);
+
+struct Changes {
+  std::vector<std::string> added;     // listed, and unknown to the index
+  std::vector<std::string> modified;  // known, and their recorded state does not vouch for them
+  std::vector<std::string> removed;   // known to the index, and no longer listed
+  std::int64_t unchanged = 0;
+  // Of `modified`, those of the same size whose time was recorded as not vouching (they were
+  // written about when the index read them): most often the same content.
+  std::size_t unsure = 0;
+  std::size_t count() const { return added.size() + modified.size() + removed.size(); }
+};
+
+// Compares the files `listed` (sorted) in `repo` with what the index recorded. A known file is
+// unchanged when its state row shows the size and time the file system shows now and the
+// digest `files` holds; any other is `modified` (its content may still be the same: only
+// reading it tells).
+Changes find_changes(const Recorded& recorded, const std::filesystem::path& repo,
+                     const std::vector<std::string>& listed);
+
+// The files changed since the index of `db` was brought up to date; std::nullopt when the
+// index records no repository or no file states (an index built by an older release), or
+// when its repository is gone.
+std::optional<Changes> changed_since_index(storage::Database& db);
+
+// At most this many changed files are searched directly; with more, a search says how many
+// changed and that `quilma-db index` brings the index up to date.
+inline constexpr std::size_t MAX_SEARCHED_DIRECTLY = 200;
+
+// search(db, request), with the files changed since the index was brought up to date taken
+// into account: the index's lines of changed and removed files are left out and, when few
+// files changed, those files are searched as they are now (their lines first when ranked,
+// in path order when sorted by path). When many changed, or they cannot be told, one line on
+// `err` says so, unless `quiet`.
+SearchResult search_current(storage::Database& db, const SearchRequest& request, std::ostream& err,
+                            bool quiet);
+
+}  // namespace quilma::cli
