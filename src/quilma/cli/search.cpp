@@ -23,36 +23,6 @@ namespace {
 // likely in source code.
 constexpr char OPEN = '\x01';
 constexpr char CLOSE = '\x02';
-// Longer lines are cut to this many bytes around their first match.
-constexpr std::size_t MAX_HIT_BYTES = 240;
-
-// Moves `at` back to the start of the UTF-8 character it falls in.
-std::size_t char_start(std::string_view text, std::size_t at) {
-  while (at > 0 && at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80) {
-    --at;
-  }
-  return at;
-}
-
-// Cuts `hit` to MAX_HIT_BYTES around its first match, on character boundaries.
-void shorten(SearchHit& hit) {
-  if (hit.text.size() <= MAX_HIT_BYTES) return;
-  const std::size_t first = hit.matches.empty() ? 0 : hit.matches.front().first;
-  const std::size_t begin =
-      char_start(hit.text, first > MAX_HIT_BYTES / 4 ? first - MAX_HIT_BYTES / 4 : 0);
-  const std::size_t end = char_start(hit.text, std::min(hit.text.size(), begin + MAX_HIT_BYTES));
-  hit.text = hit.text.substr(begin, end - begin);
-  std::vector<std::pair<std::size_t, std::size_t>> kept;
-  for (auto [from, to] : hit.matches) {
-    if (to <= begin || from >= end) continue;
-    kept.emplace_back(std::max(from, begin) - begin, std::min(to, end) - begin);
-  }
-  hit.matches = std::move(kept);
-}
-
-// Cuts a matched line to length when it is long.
-void finish(SearchHit& hit) { shorten(hit); }
-
 // Adds to `hits` the lines of one highlighted chunk that hold a mark, until `hits` holds `room`.
 void add_marked_lines(std::string_view path, std::int64_t start_line, std::string_view highlighted,
                       std::vector<SearchHit>& hits, std::size_t room) {
@@ -78,19 +48,11 @@ void add_marked_lines(std::string_view path, std::int64_t start_line, std::strin
       }
     }
     if (inside) hit.matches.emplace_back(match_begin, hit.text.size());
-    if (matched) {
-      finish(hit);
-      hits.push_back(std::move(hit));
-    }
+    if (matched) hits.push_back(std::move(hit));
     if (newline == highlighted.size()) break;
     highlighted.remove_prefix(newline + 1);
     ++line;
   }
-}
-
-// A context line as a matched line is shown: cut to length.
-std::string context_line(std::string_view line) {
-  return std::string(line.substr(0, char_start(line, std::min(line.size(), MAX_HIT_BYTES))));
 }
 
 // Every line of a file, from its chunks; [0] stands for line 1.
@@ -107,7 +69,7 @@ std::vector<std::string> file_lines(sqlite::Cursor& cursor, std::int64_t file_id
     for (auto line = static_cast<std::size_t>(row[0].as_int()); line >= 1; ++line) {
       const std::size_t newline = std::min(text.find('\n'), text.size());
       if (lines.size() < line) lines.resize(line);
-      lines[line - 1] = context_line(text.substr(0, newline));
+      lines[line - 1] = text.substr(0, newline);
       if (newline == text.size()) break;
       text.remove_prefix(newline + 1);
     }

@@ -44,9 +44,9 @@ struct SearchRequest {
 struct SearchHit {
   std::string path;
   std::int64_t line = 0;
-  std::string text;  // the line, cut around the match when long
+  std::string text;                                          // the line as it is in the file
   std::vector<std::pair<std::size_t, std::size_t>> matches;  // [begin, end) in `text`
-  // The context lines before and after it (cut as `text` is), nearest last and first.
+  // The context lines before and after it, nearest last and first.
   std::vector<std::string> before;
   std::vector<std::string> after;
 };
