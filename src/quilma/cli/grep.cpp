@@ -29,6 +29,8 @@ namespace {
 // More words than this, found in the vocabulary for the end of a word, and the index no longer
 // narrows the search: reading every chunk costs less than such a query.
 constexpr std::size_t MAX_VOCABULARY_WORDS = 64;
+// A word in more chunks than one in this many files is common: the index does not narrow it.
+constexpr std::int64_t COMMON_SHARE = 4;
 // Files a scanning thread takes at a time, and how far the threads may run ahead of the file
 // being printed, in such batches.
 constexpr std::size_t BATCH_FILES = 16;
@@ -143,9 +145,21 @@ std::string phrase(std::string_view word) { return "\"" + std::string(word) + "\
 // the end of a longer word only when a letter stands before it; under -w (`word`) only a letter
 // that is not ASCII can, and the index's words that start with one are few: they are looked up
 // in its vocabulary. std::nullopt: every chunk can hold it.
-std::optional<std::string> literal_query(sqlite::Cursor& cursor, std::string_view text, bool word) {
+std::optional<std::string> literal_query(sqlite::Cursor& cursor, std::string_view text, bool word,
+                                         std::int64_t common) {
   const std::optional<std::vector<TextWord>> words = words_of(text);
   if (!words || words->empty()) return std::nullopt;
+  // A word in more chunks than `common` narrows nothing: reading every file costs less than
+  // gathering them all from the index.
+  const auto longest = std::max_element(
+      words->begin(), words->end(),
+      [](const TextWord& a, const TextWord& b) { return a.word.size() < b.word.size(); });
+  if (const std::optional<sqlite::Row> row =
+          cursor.execute("SELECT doc FROM temp.quilma_vocabulary WHERE term = ?", {longest->word})
+              .fetchone();
+      row && (*row)[0].as_int() > common) {
+    return std::nullopt;
+  }
   const TextWord& first = words->front();
   const bool open_end = words->back().open_after;
   std::string rest;  // the phrase after the first word
@@ -348,17 +362,18 @@ void LineMatcher::scan(
 
 std::optional<std::string> LineMatcher::chunk_query(sqlite::Cursor& cursor) const {
   std::string query;
-  bool vocabulary = false;
+  std::optional<std::int64_t> common;
   for (const auto& pattern : compiled_) {
     if (pattern->needle.empty()) return std::nullopt;
-    if (!vocabulary) {
+    if (!common) {
       cursor.execute(
           "CREATE VIRTUAL TABLE IF NOT EXISTS temp.quilma_vocabulary USING "
           "fts5vocab(main, code_chunks, 'row')");
-      vocabulary = true;
+      common = cursor.execute("SELECT COUNT(*) FROM files").fetchone().value()[0].as_int() /
+               COMMON_SHARE;
     }
     const std::optional<std::string> part =
-        literal_query(cursor, pattern->needle, options_.word && !options_.regex);
+        literal_query(cursor, pattern->needle, options_.word && !options_.regex, *common);
     if (!part) return std::nullopt;
     query += (query.empty() ? "(" : " OR (") + *part + ")";
   }
@@ -394,7 +409,7 @@ std::string indexed_text(sqlite::Cursor& cursor, std::int64_t id) {
 std::string disk_text(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (std::memchr(text.data(), '\0', std::min(text.size(), BINARY_PROBE_BYTES)) != nullptr) {
+  if (std::string_view(text).substr(0, BINARY_PROBE_BYTES).find('\0') != std::string_view::npos) {
     return "";
   }
   return text;
