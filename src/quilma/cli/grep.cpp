@@ -416,8 +416,9 @@ std::string disk_text(const std::filesystem::path& path) {
 }
 
 // The lines of `text` that match, with `context` lines around them.
-void grep_text(const LineMatcher& matcher, std::string_view text, std::int64_t context,
+void grep_text(const LineMatcher& matcher, std::string_view text, const GrepRequest& request,
                GrepFile& file) {
+  const std::int64_t context = request.context;
   if (text.empty()) return;
   if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
   struct Found {
@@ -439,8 +440,13 @@ void grep_text(const LineMatcher& matcher, std::string_view text, std::int64_t c
   if (found.empty()) return;
   const auto add = [&](std::int64_t number, std::size_t begin, std::size_t end,
                        std::vector<Span> matches) {
-    file.lines.push_back(
-        {number, std::string(text.substr(begin, end - begin)), std::move(matches), std::string()});
+    const std::string_view line = text.substr(begin, end - begin);
+    if (request.render) {
+      std::string rendered = request.render(file.path, number, line, matches);
+      file.lines.push_back({number, std::string(), std::move(matches), std::move(rendered)});
+    } else {
+      file.lines.push_back({number, std::string(line), std::move(matches), std::string()});
+    }
   };
   if (context == 0) {
     for (Found& hit : found) add(hit.line, hit.begin, hit.end, std::move(hit.matches));
@@ -577,13 +583,9 @@ std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
               files[i].id != 0 ? texts[i - first]
                                : (texts[i - first] = disk_text(request.root / files[i].path));
           GrepFile file;
-          grep_text(matcher, text, request.context, file);
-          if (file.matched == 0) continue;
           file.path = files[i].path.substr(request.scope.size());
-          if (request.render) {
-            for (GrepLine& line : file.lines) request.render(file, line);
-          }
-          results.push_back(std::move(file));
+          grep_text(matcher, text, request, file);
+          if (file.matched > 0) results.push_back(std::move(file));
         }
         const std::lock_guard hold(mutex);
         done[batch] = std::move(results);

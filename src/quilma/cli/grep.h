@@ -66,9 +66,9 @@ class LineMatcher {
 // One printed line of a file: a match, or a context line around one.
 struct GrepLine {
   std::int64_t number = 0;
-  std::string text;
+  std::string text;           // empty when `rendered` holds the line
   std::vector<Span> matches;  // empty for a context line
-  std::string rendered;       // as GrepRequest::render wrote it
+  std::string rendered;       // the line as GrepRequest::render wrote it, when it has one
 };
 
 // The lines a file gave, in order. Lines whose numbers do not follow on start a new group.
@@ -85,8 +85,11 @@ struct GrepRequest {
   std::vector<std::string> pathspecs;  // git pathspecs relative to the scope
   std::int64_t context = 0;
   unsigned threads = 0;  // 0: one per core
-  // Writes a line as it will be printed into its `rendered`; runs on the scanning threads.
-  std::function<void(const GrepFile& file, GrepLine& line)> render;
+  // The line as it will be printed, from a file's path (relative to the scope), the line's
+  // number, text and matches; runs on the scanning threads. Without it, lines keep their text.
+  std::function<std::string(std::string_view path, std::int64_t number, std::string_view text,
+                            const std::vector<Span>& matches)>
+      render;
 };
 
 // Whether `path` matches a git pathspec: the path itself, a directory above it, or a glob whose

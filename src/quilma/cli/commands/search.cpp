@@ -139,8 +139,9 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
       .render = {}};
   const bool marked = command.colour();
   if (!options.json && !options.files_only && !options.counts) {
-    request.render = [marked](const GrepFile& file, GrepLine& line) {
-      line.rendered = grep_line(file.path, line.number, line.text, line.matches, marked);
+    request.render = [marked](std::string_view path, std::int64_t number, std::string_view text,
+                              const std::vector<Span>& matches) {
+      return grep_line(path, number, text, matches, marked);
     };
   }
   const bool per_file = options.files_only || options.counts;
