@@ -154,10 +154,14 @@ std::optional<std::string> literal_query(sqlite::Cursor& cursor, std::string_vie
   const auto longest = std::max_element(
       words->begin(), words->end(),
       [](const TextWord& a, const TextWord& b) { return a.word.size() < b.word.size(); });
-  if (const std::optional<sqlite::Row> row =
-          cursor.execute("SELECT doc FROM temp.quilma_vocabulary WHERE term = ?", {longest->word})
-              .fetchone();
-      row && (*row)[0].as_int() > common) {
+  // Counted only as far as `common`: a common word's whole list of chunks is long to read.
+  if (cursor
+          .execute("SELECT COUNT(*) FROM (SELECT 1 FROM code_chunks WHERE code_chunks MATCH ? "
+                   "LIMIT ?)",
+                   {phrase(longest->word), common + 1})
+          .fetchone()
+          .value()[0]
+          .as_int() > common) {
     return std::nullopt;
   }
   const TextWord& first = words->front();
@@ -284,7 +288,7 @@ std::optional<Span> LineMatcher::first_match(const Pattern& pattern, std::string
                                                line.end(), pattern.text.begin(), pattern.text.end(),
                                                [](char a, char b) { return fold(a) == b; }) -
                                        line.begin()
-                                 : find_bytes(line, pattern.text, from);
+                                 : line.find(pattern.text, from);
       if (at == std::string_view::npos || at + pattern.text.size() > line.size()) break;
       found = {at, at + pattern.text.size()};
     }
