@@ -328,6 +328,11 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     write(dir() / "nul_late.txt",
           std::string(BINARY_PROBE_BYTES, 'a') + std::string("\0commit\n", 8));
     write(dir() / "nul_early.bin", std::string("commit\0\n", 8));
+    // A rare word, found through the index, in files of its own: after a CJK letter, before an
+    // accented one, and inside an ASCII word, where only grep without -w finds it.
+    write(dir() / "rare/cjk.txt", "\xe4\xb8\x80\xe6\xac\xa1Zorblax\xe7\x9a\x84\n");
+    write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n");
+    write(dir() / "rare/inside.txt", "xZorblax\n");
     ASSERT_EQ(shell(git() + "init -q && " + git() + "add -A"), "0 ");
     ASSERT_EQ(quilma_db({"index", "-q", dir().string()}).told, "0 ");
   }
@@ -362,7 +367,8 @@ INSTANTIATE_TEST_SUITE_P(
                       std::pair{Args{"-w", "\xe2\x80\x94"}, ""},
                       std::pair{Args{"-w", "\xe2\x86\x92"}, ""}, std::pair{Args{"-w", "-x"}, ""},
                       std::pair{Args{"-w", "a::b"}, ""}, std::pair{Args{"-w", "_x"}, ""},
-                      std::pair{Args{"-F", "commit"}, ""}, std::pair{Args{"-i", "COMMIT"}, ""},
+                      std::pair{Args{"-F", "commit"}, ""}, std::pair{Args{"-i", "HALL"}, ""},
+                      std::pair{Args{"-w", "Zorblax"}, ""}, std::pair{Args{"-F", "Zorblax"}, ""},
                       std::pair{Args{"-w", "-i", "\xc3\x9c\x62\x65r"}, ""},
                       std::pair{Args{"-w", "-e", "send_file", "-e", "x1"}, ""},
                       std::pair{Args{"-E", "comm[a-z]+"}, ""},

@@ -30,7 +30,9 @@ namespace {
 // narrows the search: reading every chunk costs less than such a query.
 constexpr std::size_t MAX_VOCABULARY_WORDS = 64;
 // A word in more chunks than one in this many files is common: the index does not narrow it.
+// In no more chunks than MIN_COMMON, it is never common: so few cost little to gather.
 constexpr std::int64_t COMMON_SHARE = 4;
+constexpr std::int64_t MIN_COMMON = 64;
 // Files a scanning thread takes at a time, and how far the threads may run ahead of the file
 // being printed, in such batches.
 constexpr std::size_t BATCH_FILES = 16;
@@ -373,8 +375,9 @@ std::optional<std::string> LineMatcher::chunk_query(sqlite::Cursor& cursor) cons
       cursor.execute(
           "CREATE VIRTUAL TABLE IF NOT EXISTS temp.quilma_vocabulary USING "
           "fts5vocab(main, code_chunks, 'row')");
-      common = cursor.execute("SELECT COUNT(*) FROM files").fetchone().value()[0].as_int() /
-               COMMON_SHARE;
+      common = std::max(
+          MIN_COMMON, cursor.execute("SELECT COUNT(*) FROM files").fetchone().value()[0].as_int() /
+                          COMMON_SHARE);
     }
     const std::optional<std::string> part =
         literal_query(cursor, pattern->needle, options_.word && !options_.regex, *common);
