@@ -337,7 +337,10 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     ASSERT_EQ(quilma_db({"index", "-q", dir().string()}).told, "0 ");
   }
   static void TearDownTestSuite() { fs::remove_all(dir()); }
-  static fs::path dir() { return fs::temp_directory_path() / "quilma-grep-parity"; }
+  // One per process: CTest runs the cases as processes of their own, side by side.
+  static fs::path dir() {
+    return fs::temp_directory_path() / ("quilma-grep-parity-" + std::to_string(::getpid()));
+  }
   static std::string git() { return "cd " + dir().string() + " && LC_ALL=C.UTF-8 git "; }
 };
 
