@@ -182,7 +182,7 @@ int run(int argc, const char* const* argv, const Io& io) {
     return EXIT_FAILED;
   } catch (const std::exception& e) {
     fmt::print(io.err, "quilma-db: {}: {}\n", name, e.what());
-    return EXIT_FAILED;
+    return name == "search" ? EXIT_USAGE : EXIT_FAILED;  // grep's status for an error
   }
 }
 

@@ -18,8 +18,10 @@ struct Io {
 };
 
 // Exit statuses: 0 success, 1 a failed operation (one line on `err` says why), 2 bad usage,
-// 130 an index run stopped by an interrupt.
+// 130 an index run stopped by an interrupt. search keeps grep's: 0 a line matched, 1 none did,
+// 2 an error of any kind.
 inline constexpr int EXIT_FAILED = 1;
+inline constexpr int EXIT_NO_MATCH = 1;
 inline constexpr int EXIT_USAGE = 2;
 inline constexpr int EXIT_INTERRUPTED = 130;
 

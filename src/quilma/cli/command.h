@@ -41,10 +41,16 @@ struct Options {
   bool json = false;
   std::string color = "auto";
   SearchRequest search;
+  // grep's flags: -e patterns, -i, -E; -F and -n are grep's defaults here, taken and kept.
+  std::vector<std::string> patterns;
+  bool ignore_case = false;
+  bool regex = false;
+  bool fixed = false;
+  bool line_numbers = false;
   bool all = false;
   bool files_only = false;
   bool counts = false;
-  std::string sort = "rank";
+  std::string sort;  // "rank" or "path"; empty: rank for a full-text query, path for grep's
   std::string staging;
   std::vector<std::string> stamps;
   bool full = false;        // index: rebuild the whole index

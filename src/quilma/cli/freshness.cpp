@@ -107,15 +107,16 @@ SearchResult search_directly(const fs::path& repo, const std::vector<std::string
   return result;
 }
 
-// The index's answer without the lines of `stale` files, as many lines as `request` asks for
-// when the index has them.
+// The index's answer without the lines of `stale` files (paths relative to the repository), as
+// many lines as `request` asks for when the index has them.
 SearchResult search_index_without(storage::Database& db, SearchRequest request,
                                   const std::unordered_set<std::string>& stale) {
   const std::optional<std::int64_t> wanted = request.limit;
   while (true) {
     SearchResult result = search(db, request);
     const std::size_t before = result.hits.size();
-    std::erase_if(result.hits, [&](const SearchHit& hit) { return stale.contains(hit.path); });
+    std::erase_if(result.hits,
+                  [&](const SearchHit& hit) { return stale.contains(request.scope + hit.path); });
     const std::size_t dropped = before - result.hits.size();
     if (!result.cut || dropped == 0 || !wanted ||
         std::cmp_greater_equal(result.hits.size(), *wanted)) {
@@ -204,18 +205,21 @@ std::optional<Changes> changed_since_index(storage::Database& db) {
   return find_changes(recorded, repo, list_repo_files(repo, db.db_path()).paths);
 }
 
+std::optional<Changes> changed_since_index(storage::Database& db, std::ostream& err, bool quiet) {
+  std::optional<Changes> changes = changed_since_index(db);
+  if (!changes && !quiet) {
+    fmt::print(err,
+               "quilma-db: cannot tell which files changed since {} was built (an index from "
+               "an older quilma-db, or its repository moved); run 'quilma-db index'\n",
+               db.db_path().string());
+  }
+  return changes;
+}
+
 SearchResult search_current(storage::Database& db, const SearchRequest& request, std::ostream& err,
                             bool quiet) {
-  const std::optional<Changes> changes = changed_since_index(db);
-  if (!changes) {
-    if (!quiet) {
-      fmt::print(err,
-                 "quilma-db: cannot tell which files changed since {} was built (an index from "
-                 "an older quilma-db, or its repository moved); run 'quilma-db index'\n",
-                 db.db_path().string());
-    }
-    return search(db, request);
-  }
+  const std::optional<Changes> changes = changed_since_index(db, err, quiet);
+  if (!changes) return search(db, request);
   if (changes->count() == 0) return search(db, request);
   const std::size_t current = changes->added.size() + changes->modified.size();
   if (current > MAX_SEARCHED_DIRECTLY) {

@@ -70,6 +70,9 @@ Changes find_changes(const Recorded& recorded, const std::filesystem::path& repo
 // when its repository is gone.
 std::optional<Changes> changed_since_index(storage::Database& db);
 
+// The same, saying on `err` (unless `quiet`) when the changes cannot be told.
+std::optional<Changes> changed_since_index(storage::Database& db, std::ostream& err, bool quiet);
+
 // At most this many changed files are searched directly; with more, a search says how many
 // changed and that `quilma-db index` brings the index up to date.
 inline constexpr std::size_t MAX_SEARCHED_DIRECTLY = 200;

@@ -1,6 +1,5 @@
-// Search: FTS5 ranks the chunks; highlight() marks the matched tokens, and the marks tell
-// which lines of a chunk matched. A literal text is looked for in the chunks that hold its
-// words, line by line.
+// Full-text search: FTS5 ranks the chunks; highlight() marks the matched tokens, and the marks
+// tell which lines of a chunk matched.
 #include "quilma/cli/search.h"
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include "quilma/cli/grep.h"
 #include "quilma/sqlite/error.h"
 #include "quilma/storage/core_schema.h"
 
@@ -23,46 +23,6 @@ namespace {
 // likely in source code.
 constexpr char OPEN = '\x01';
 constexpr char CLOSE = '\x02';
-// Longer lines are cut to this many bytes around their first match.
-constexpr std::size_t MAX_HIT_BYTES = 240;
-
-// Moves `at` back to the start of the UTF-8 character it falls in.
-std::size_t char_start(std::string_view text, std::size_t at) {
-  while (at > 0 && at < text.size() && (static_cast<unsigned char>(text[at]) & 0xC0) == 0x80) {
-    --at;
-  }
-  return at;
-}
-
-// Cuts `hit` to MAX_HIT_BYTES around its first match, on character boundaries.
-void shorten(SearchHit& hit) {
-  if (hit.text.size() <= MAX_HIT_BYTES) return;
-  const std::size_t first = hit.matches.empty() ? 0 : hit.matches.front().first;
-  const std::size_t begin =
-      char_start(hit.text, first > MAX_HIT_BYTES / 4 ? first - MAX_HIT_BYTES / 4 : 0);
-  const std::size_t end = char_start(hit.text, std::min(hit.text.size(), begin + MAX_HIT_BYTES));
-  hit.text = hit.text.substr(begin, end - begin);
-  std::vector<std::pair<std::size_t, std::size_t>> kept;
-  for (auto [from, to] : hit.matches) {
-    if (to <= begin || from >= end) continue;
-    kept.emplace_back(std::max(from, begin) - begin, std::min(to, end) - begin);
-  }
-  hit.matches = std::move(kept);
-}
-
-// Takes the line break and the indent off a matched line, shifting its matches with it, and
-// cuts it to length.
-void finish(SearchHit& hit) {
-  if (!hit.text.empty() && hit.text.back() == '\r') hit.text.pop_back();
-  const std::size_t indent = std::min(hit.text.find_first_not_of(" \t"), hit.text.size());
-  hit.text.erase(0, indent);
-  for (auto& [from, to] : hit.matches) {
-    from = from > indent ? from - indent : 0;
-    to = std::min(to > indent ? to - indent : 0, hit.text.size());
-  }
-  shorten(hit);
-}
-
 // Adds to `hits` the lines of one highlighted chunk that hold a mark, until `hits` holds `room`.
 void add_marked_lines(std::string_view path, std::int64_t start_line, std::string_view highlighted,
                       std::vector<SearchHit>& hits, std::size_t room) {
@@ -88,97 +48,11 @@ void add_marked_lines(std::string_view path, std::int64_t start_line, std::strin
       }
     }
     if (inside) hit.matches.emplace_back(match_begin, hit.text.size());
-    if (matched) {
-      finish(hit);
-      hits.push_back(std::move(hit));
-    }
+    if (matched) hits.push_back(std::move(hit));
     if (newline == highlighted.size()) break;
     highlighted.remove_prefix(newline + 1);
     ++line;
   }
-}
-
-bool is_ascii_alnum(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-// A character of an identifier, as grep -w counts them (bytes of other characters are not).
-bool is_word_byte(char c) { return is_ascii_alnum(c) || c == '_'; }
-// A byte of a word of the full-text index: letters and digits, every non-ASCII one included.
-bool is_token_byte(char c) { return is_ascii_alnum(c) || static_cast<unsigned char>(c) >= 0x80; }
-
-char fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-// Where `term` next occurs in `text` from `at`; npos when nowhere.
-std::size_t find_term(std::string_view text, std::string_view term, std::size_t at,
-                      bool case_sensitive) {
-  if (case_sensitive) return text.find(term, at);
-  const char first = fold(term.front());
-  for (; at + term.size() <= text.size(); ++at) {
-    if (fold(text[at]) != first) continue;
-    std::size_t i = 1;
-    while (i < term.size() && fold(text[at + i]) == fold(term[i])) ++i;
-    if (i == term.size()) return at;
-  }
-  return std::string_view::npos;
-}
-
-// Whether the occurrence [at, end) of `term` in `text` stands on the boundaries that `request`
-// asks for. A line break is a boundary of either kind.
-bool on_boundaries(std::string_view text, std::size_t at, std::size_t end, std::string_view term,
-                   const SearchRequest& request) {
-  if (request.whole_word) {
-    return (at == 0 || !is_word_byte(text[at - 1])) &&
-           (end == text.size() || !is_word_byte(text[end]));
-  }
-  return (!is_token_byte(term.front()) || at == 0 || !is_token_byte(text[at - 1])) &&
-         (!is_token_byte(term.back()) || end == text.size() || !is_token_byte(text[end]));
-}
-
-// Adds to `hits` the lines of one chunk that hold `term`, until `hits` holds `room`. The text
-// is searched whole, and only the lines with an occurrence are cut out of it.
-void add_literal_lines(std::string_view path, std::int64_t start_line, std::string_view text,
-                       const SearchRequest& request, std::vector<SearchHit>& hits,
-                       std::size_t room) {
-  const std::string_view term = request.query;
-  if (term.find('\n') != std::string_view::npos) return;  // no line holds a line break
-  SearchHit hit;  // the line being gathered, from line_begin to line_end of `text`
-  std::int64_t line = start_line;
-  std::size_t line_begin = 0;
-  std::size_t line_end = 0;
-  const auto flush = [&] {
-    if (hit.matches.empty()) return;
-    finish(hit);
-    hits.push_back(std::exchange(hit, SearchHit()));
-  };
-  for (std::size_t at = find_term(text, term, 0, request.case_sensitive);
-       at != std::string_view::npos && hits.size() < room;) {
-    const std::size_t end = at + term.size();
-    if (!on_boundaries(text, at, end, term, request)) {
-      at = find_term(text, term, at + 1, request.case_sensitive);
-      continue;
-    }
-    if (hit.matches.empty() || at >= line_end) {
-      flush();
-      line += std::count(text.begin() + static_cast<std::ptrdiff_t>(line_begin),
-                         text.begin() + static_cast<std::ptrdiff_t>(at), '\n');
-      const std::size_t previous_break = text.rfind('\n', at);
-      line_begin = previous_break == std::string_view::npos ? 0 : previous_break + 1;
-      line_end = std::min(text.find('\n', at), text.size());
-      hit.path = path;
-      hit.line = line;
-      hit.text = text.substr(line_begin, line_end - line_begin);
-    }
-    hit.matches.emplace_back(at - line_begin, end - line_begin);
-    at = find_term(text, term, end, request.case_sensitive);
-  }
-  if (hits.size() < room) flush();
-}
-
-// A context line as a matched line is shown: without its indent, and cut to length.
-std::string context_line(std::string_view line) {
-  if (line.ends_with('\r')) line.remove_suffix(1);
-  line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
-  return std::string(line.substr(0, char_start(line, std::min(line.size(), MAX_HIT_BYTES))));
 }
 
 // Every line of a file, from its chunks; [0] stands for line 1.
@@ -195,7 +69,7 @@ std::vector<std::string> file_lines(sqlite::Cursor& cursor, std::int64_t file_id
     for (auto line = static_cast<std::size_t>(row[0].as_int()); line >= 1; ++line) {
       const std::size_t newline = std::min(text.find('\n'), text.size());
       if (lines.size() < line) lines.resize(line);
-      lines[line - 1] = context_line(text.substr(0, newline));
+      lines[line - 1] = text.substr(0, newline);
       if (newline == text.size()) break;
       text.remove_prefix(newline + 1);
     }
@@ -223,13 +97,26 @@ void add_context(sqlite::Cursor& cursor, const std::vector<std::int64_t>& files,
   }
 }
 
-// The full-text query that finds every chunk holding the literal `term`: the phrase of its
-// words. std::nullopt when it has none: every chunk is a candidate then.
-std::optional<std::string> literal_phrase(std::string_view term) {
-  if (std::none_of(term.begin(), term.end(), is_token_byte)) return std::nullopt;
-  std::string phrase = "\"";
-  for (const char c : term) phrase += c == '"' ? std::string("\"\"") : std::string(1, c);
-  return phrase + "\"";
+// Whether the file at `path` is one the request searches: under its scope, and under one of its
+// pathspecs when it has any.
+bool in_scope(const SearchRequest& request, const std::string& path) {
+  if (!path.starts_with(request.scope)) return false;
+  const std::string relative = path.substr(request.scope.size());
+  return request.paths.empty() ||
+         std::any_of(request.paths.begin(), request.paths.end(),
+                     [&](const std::string& spec) { return pathspec_matches(spec, relative); });
+}
+
+// The query in FTS5's syntax: "a AND NOT b", as SQL writes it, is FTS5's "a NOT b".
+std::string fts_query(std::string_view query) {
+  std::string out;
+  std::size_t at = 0;
+  for (std::size_t found; (found = query.find("AND NOT ", at)) != std::string_view::npos;) {
+    out.append(query.substr(at, found - at));
+    at = found + 4;
+  }
+  out.append(query.substr(at));
+  return out;
 }
 
 [[noreturn]] void rethrow_as_malformed(const sqlite::OperationalError& error,
@@ -244,38 +131,25 @@ std::optional<std::string> literal_phrase(std::string_view term) {
       reason.starts_with("unterminated")
           ? "close every double quote; a double quote inside a phrase is written twice"
           : "put text with punctuation in double quotes, as in '\"std::vector\"', or search for "
-            "it literally with -w or -s";
+            "it literally with -w or -s; the operators are AND, OR, NOT (as in 'a NOT b'), "
+            "NEAR(a b) and parentheses";
   throw MalformedQuery(fmt::format("malformed search query \"{}\" ({}); {}", query, reason, hint));
 }
 
 }  // namespace
 
 SearchResult search(storage::Database& db, const SearchRequest& request) {
-  const bool literal = request.whole_word || request.case_sensitive;
-  if (literal && request.query.empty()) throw MalformedQuery("nothing to search for");
   if (request.limit && *request.limit <= 0) return {};
 
   // code_chunks drives the join (CROSS JOIN keeps it outside): a file's chunks are found by
   // the file's id, never the other way round.
-  std::string sql = "SELECT files.id, files.path, code_chunks.start_line, ";
-  sql += literal ? "code_chunks.text" : "highlight(code_chunks, 0, char(1), char(2))";
-  sql += " FROM code_chunks CROSS JOIN files ON files.id = code_chunks.rowid / ? WHERE 1";
-  sqlite::Params params{storage::core_schema::CHUNKS_PER_FILE};
-  const std::optional<std::string> match =
-      literal ? literal_phrase(request.query) : std::optional(request.query);
-  if (match) {
-    sql += " AND code_chunks MATCH ?";
-    params.emplace_back(*match);
-  }
-  for (std::size_t i = 0; i < request.paths.size(); ++i) {
-    sql += i == 0 ? " AND (" : " OR ";
-    sql += "path_glob(?, files.path)";
-    const std::string& glob = request.paths[i];
-    params.emplace_back(glob.find('/') == std::string::npos ? "**/" + glob : glob);
-  }
-  if (!request.paths.empty()) sql += ")";
-  sql += match && !request.by_path ? " ORDER BY code_chunks.rank, code_chunks.rowid"
-                                   : " ORDER BY files.path, code_chunks.rowid";
+  std::string sql =
+      "SELECT files.id, files.path, code_chunks.start_line, "
+      "highlight(code_chunks, 0, char(1), char(2)) FROM code_chunks CROSS JOIN files ON "
+      "files.id = code_chunks.rowid / ? WHERE code_chunks MATCH ?";
+  sql += request.by_path ? " ORDER BY files.path, code_chunks.rowid"
+                         : " ORDER BY code_chunks.rank, code_chunks.rowid";
+  const sqlite::Params params{storage::core_schema::CHUNKS_PER_FILE, fts_query(request.query)};
 
   // One more line than the limit tells that the limit cut the result.
   const std::size_t room = request.limit ? static_cast<std::size_t>(*request.limit) + 1
@@ -289,16 +163,12 @@ SearchResult search(storage::Database& db, const SearchRequest& request) {
         const std::optional<sqlite::Row> row = cursor.fetchone();
         if (!row) break;
         const std::string path = (*row)[1].as_text();
-        const std::string text = (*row)[3].as_text();
-        if (literal) {
-          add_literal_lines(path, (*row)[2].as_int(), text, request, result.hits, room);
-        } else {
-          add_marked_lines(path, (*row)[2].as_int(), text, result.hits, room);
-        }
+        if (!in_scope(request, path)) continue;
+        add_marked_lines(path.substr(request.scope.size()), (*row)[2].as_int(), (*row)[3].as_text(),
+                         result.hits, room);
         files.resize(result.hits.size(), (*row)[0].as_int());
       }
     } catch (const sqlite::OperationalError& error) {
-      if (literal) throw;
       rethrow_as_malformed(error, request.query);
     }
     if (result.hits.size() == room && request.limit) {

@@ -1,5 +1,4 @@
-// Search over the index's chunks, down to the lines that match: full-text queries ranked by
-// bm25, or a literal text checked line by line as grep does.
+// Full-text search over the index's chunks, ranked by bm25, down to the lines that match.
 #pragma once
 
 #include <cstddef>
@@ -22,16 +21,16 @@ class MalformedQuery : public std::invalid_argument {
 };
 
 struct SearchRequest {
-  // FTS5 query syntax; with `whole_word` or `case_sensitive`, a literal text instead.
+  // FTS5 query syntax ("a AND NOT b" is taken for "a NOT b").
   std::string query;
-  // The text must stand between characters that are not letters, digits or '_' (grep -w);
-  // without it, a literal text must start and end where words of the full-text index do.
+  // The command line's -w and -s, which make QUERY a pattern for grep's side instead.
   bool whole_word = false;
-  // Letters match only in the case given (without it, ASCII letters match in either case).
-  // A literal text always matches accented letters exactly.
   bool case_sensitive = false;
-  // Globs over repository paths (path_glob); a file must match one of them when any are
-  // given. A glob without '/' is matched against the file's name, in any directory.
+  // Only files under this directory of the repository (with its final '/'; empty for all),
+  // and their paths relative to it.
+  std::string scope;
+  // Git pathspecs relative to the scope (pathspec_matches); a file must match one of them
+  // when any are given.
   std::vector<std::string> paths;
   // File order (path, then line) instead of the best-ranked chunks first.
   bool by_path = false;
@@ -45,9 +44,9 @@ struct SearchRequest {
 struct SearchHit {
   std::string path;
   std::int64_t line = 0;
-  std::string text;  // the line, without leading blanks and cut around the match when long
+  std::string text;                                          // the line as it is in the file
   std::vector<std::pair<std::size_t, std::size_t>> matches;  // [begin, end) in `text`
-  // The context lines before and after it (cut as `text` is), nearest last and first.
+  // The context lines before and after it, nearest last and first.
   std::vector<std::string> before;
   std::vector<std::string> after;
 };

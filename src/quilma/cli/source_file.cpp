@@ -92,7 +92,8 @@ SourceFile read_source_file(const std::filesystem::path& path) {
 }
 
 std::optional<FileProblem> text_problem(std::string_view content) {
-  if (const void* nul = std::memchr(content.data(), '\0', content.size())) {
+  if (const void* nul =
+          std::memchr(content.data(), '\0', std::min(content.size(), BINARY_PROBE_BYTES))) {
     const auto offset = static_cast<const char*>(nul) - content.data();
     return FileProblem{"binary", fmt::format("a NUL byte at offset {}", offset), std::nullopt};
   }

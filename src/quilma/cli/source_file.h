@@ -12,9 +12,12 @@
 
 namespace quilma::cli {
 
-// Larger files are recorded as too large and not read: at this size they are generated code,
-// data or bundles, not code that a person searches.
-inline constexpr std::uintmax_t MAX_FILE_BYTES = std::uintmax_t{1024} * 1024;
+// Larger files are recorded as too large and not indexed (search reads them from disk): at
+// this size they are generated code, data or bundles.
+inline constexpr std::uintmax_t MAX_FILE_BYTES = std::uintmax_t{32} * 1024 * 1024;
+// A file with a NUL among its first this many bytes is binary, as git decides it; a NUL further
+// on is part of the text.
+inline constexpr std::size_t BINARY_PROBE_BYTES = 8000;
 // Lines per row of code_chunks: a search hit ranks a chunk, so this is how much text bm25
 // weighs together.
 inline constexpr std::int64_t CHUNK_LINES = 50;
@@ -42,7 +45,8 @@ struct SourceFile {
 // the file's own problems: they come back in `problem`.
 SourceFile read_source_file(const std::filesystem::path& path);
 
-// Whether `content` is text this index can hold: no NUL byte, and UTF-8 throughout. Text
+// Whether `content` is text this index can hold: no NUL among its first BINARY_PROBE_BYTES,
+// and UTF-8 throughout. Text
 // with bytes that are not UTF-8 is held with them replaced, and reported.
 std::optional<FileProblem> text_problem(std::string_view content);
 

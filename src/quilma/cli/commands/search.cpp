@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -12,22 +14,34 @@
 
 #include "quilma/cli/command.h"
 #include "quilma/cli/freshness.h"
+#include "quilma/cli/grep.h"
 
 namespace quilma::cli {
 
 void search_options(CLI::App& sub, Options& options) {
   sub.add_option("QUERY", options.search.query,
-                 "Words, \"phrases\", prefix*, AND, OR, NOT, NEAR(...); with -w or -s, a text "
-                 "taken literally")
-      ->required();
+                 "Words, \"phrases\", prefix*, AND, OR, NOT, NEAR(...), ranked; with -w, -s, -i, "
+                 "-F or -E, a pattern matched as grep matches it");
+  sub.add_option("-e,--regexp", options.patterns,
+                 "A pattern, as QUERY is one (repeat for more: a line matches any); QUERY is then "
+                 "taken as REPO")
+      ->allow_extra_args(false);
   sub.add_flag("-w,--word", options.search.whole_word,
-               "QUERY is a text that stands as a whole identifier, as with grep -w");
+               "The pattern stands between characters that are not ASCII letters, digits or "
+               "'_', as with grep -w");
   sub.add_flag("-s,--case-sensitive", options.search.case_sensitive,
-               "QUERY is a text matched in its own case, accents as written");
+               "A pattern, matched in its own case (grep's default; undoes nothing but -i)");
+  sub.add_flag("-i,--ignore-case", options.ignore_case, "ASCII letters match in either case");
+  sub.add_flag("-F,--fixed-strings", options.fixed, "Patterns are fixed strings (the default)");
+  sub.add_flag("-E,--extended-regexp", options.regex,
+               "Patterns are regular expressions (RE2's syntax, leftmost-longest as POSIX)");
+  sub.add_flag("-n,--line-number", options.line_numbers, "Line numbers (always shown)");
   sub.add_option("--path", options.search.paths,
-                 "Only files whose path matches GLOB (*, ?, [...], **); without a '/', the "
-                 "file name in any directory. Repeat for more");
-  sub.add_option("--sort", options.sort, "rank (the best chunks first) or path (as grep)")
+                 "Only files under PATHSPEC, relative to REPO: a file, a directory, or a glob "
+                 "whose '*' crosses '/' (git's pathspecs). Repeat for more")
+      ->allow_extra_args(false);
+  sub.add_option("--sort", options.sort,
+                 "rank (the best chunks first; full-text queries) or path (as grep; patterns)")
       ->check(CLI::IsMember({"rank", "path"}));
   sub.add_option("-C,--context", options.search.context, "Lines of context around each line")
       ->check(CLI::Range(std::int64_t{0}, std::int64_t{1000}));
@@ -50,14 +64,164 @@ void search_options(CLI::App& sub, Options& options) {
           "N >= 1"));
   sub.add_flag("--all", options.all, "Every match, without a limit")->excludes("--limit");
   sub.get_option("-l")->excludes("-c");
+  sub.get_option("-E")->excludes("-F");
 }
 
-int cmd_search(const Command& command) {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A line as grep prints it: "path:N:text" for a match, "path-N-text" for context.
+std::string grep_line(std::string_view path, std::int64_t number, std::string_view text,
+                      const std::vector<Span>& matches, bool marked) {
+  const char separator = matches.empty() ? '-' : ':';
+  // A file's lines come one after another: its path is shown once for all of them.
+  thread_local std::string last_path;
+  thread_local std::string last_shown;
+  if (path != last_path) {
+    last_path = path;
+    last_shown = shown(path);
+  }
+  std::string line = fmt::format("{}{}{}{}", last_shown, separator, number, separator);
+  std::size_t from = 0;
+  for (const auto& [begin, end] : matches) {
+    if (begin < from || end > text.size()) continue;
+    line.append(text, from, begin - from);
+    line += marked ? "\033[1;31m" : "";
+    line.append(text, begin, end - begin);
+    line += marked ? "\033[0m" : "";
+    from = end;
+  }
+  line.append(text, from);
+  line += '\n';
+  return line;
+}
+
+void print_grep_line(const Command& command, std::string_view path, std::int64_t number,
+                     std::string_view text, const std::vector<Span>& matches, bool marked) {
+  command.io().out << grep_line(path, number, text, matches, marked);
+}
+
+// Where the search runs: the repository the index holds, and REPO's directory under it.
+struct Scope {
+  fs::path root;
+  std::string prefix;  // REPO relative to `root`, with a final '/'; empty for all of it
+};
+
+Scope scope_of(const Command& command) {
+  const fs::path repo = command.repo();
+  if (!fs::is_directory(repo)) {
+    throw UsageError(
+        fmt::format("'{}' is not a directory; QUERY is one pattern: quote several words as one "
+                    "('quilma-db search \"spawn blocking\"'), or give each with -e",
+                    command.options().repo));
+  }
+  fs::path root = repo;
+  if (command.options().db.empty()) {
+    // The index's directory is ROOT/memory/codebase-index/.
+    root = command.index_database().parent_path().parent_path().parent_path();
+  }
+  const fs::path relative = repo.lexically_relative(root);
+  if (relative.empty() || relative == "." || relative.begin()->string() == "..") return {root, ""};
+  return {root, relative.generic_string() + "/"};
+}
+
+int grep_search(const Command& command, const Scope& scope, std::vector<std::string> patterns) {
+  const Options& options = command.options();
+  storage::Database db(command.index_database());
+  command.open_existing(db);
+  GrepRequest request{
+      .patterns = {.patterns = std::move(patterns),
+                   .regex = options.regex,
+                   .word = options.search.whole_word,
+                   .ignore_case = options.ignore_case && !options.search.case_sensitive},
+      .root = scope.root,
+      .scope = scope.prefix,
+      .pathspecs = options.search.paths,
+      .context = options.search.context,
+      .threads = 0,
+      .stale = {},
+      .from_disk = {},
+      .render = {}};
+  if (!options.as_indexed) {
+    if (const std::optional<Changes> changes =
+            changed_since_index(db, command.io().err, options.quiet)) {
+      request.stale.insert(changes->modified.begin(), changes->modified.end());
+      request.stale.insert(changes->removed.begin(), changes->removed.end());
+      request.from_disk = changes->added;
+      request.from_disk.insert(request.from_disk.end(), changes->modified.begin(),
+                               changes->modified.end());
+    }
+  }
+  const bool marked = command.colour();
+  if (!options.json && !options.files_only && !options.counts) {
+    request.render = [marked](std::string_view path, std::int64_t number, std::string_view text,
+                              const std::vector<Span>& matches) {
+      return grep_line(path, number, text, matches, marked);
+    };
+  }
+  const bool per_file = options.files_only || options.counts;
+  const std::optional<std::int64_t> limit = options.all ? std::nullopt : options.search.limit;
+  std::int64_t printed = 0;  // lines (files with -l or -c)
+  bool cut = false;
+  bool first_group = true;
+  const std::vector<std::string> unmatched = grep(db, request, [&](GrepFile& file) {
+    if (limit && printed >= *limit) {
+      cut = true;
+      return false;
+    }
+    if (per_file) {
+      if (options.json) {
+        command.print_line(options.counts ? json{{"path", file.path}, {"count", file.matched}}
+                                          : json{{"path", file.path}});
+      } else if (options.counts) {
+        command.print("{}:{}", shown(file.path), file.matched);
+      } else {
+        command.print("{}", shown(file.path));
+      }
+      ++printed;
+      return true;
+    }
+    std::int64_t previous = -1;
+    for (const GrepLine& line : file.lines) {
+      if (limit && printed >= *limit && !line.matches.empty()) {
+        cut = true;
+        return false;
+      }
+      if (options.json) {
+        json object{{"path", file.path}, {"line", line.number}, {"text", line.text}};
+        if (line.matches.empty()) {
+          object["context"] = true;
+        } else {
+          object["matches"] = line.matches;
+        }
+        command.print_line(object);
+      } else {
+        if (request.context > 0 && !first_group && line.number != previous + 1) command.print("--");
+        command.io().out << line.rendered;
+      }
+      first_group = false;
+      previous = line.number;
+      if (!line.matches.empty()) ++printed;
+    }
+    if (command.io().out_is_terminal) command.io().out.flush();
+    return true;
+  });
+  for (const std::string& spec : unmatched) {
+    fmt::print(command.io().err, "quilma-db: --path '{}' matches no indexed file\n", spec);
+  }
+  if (cut)
+    command.notice_cut(static_cast<std::size_t>(printed), per_file ? "files" : "matching lines");
+  return printed > 0 ? 0 : EXIT_NO_MATCH;
+}
+
+int fts_search(const Command& command, const Scope& scope) {
   const Options& options = command.options();
   storage::Database db(command.index_database());
   command.open_existing(db);
   SearchRequest request = options.search;
   request.by_path = options.sort == "path";
+  request.scope = scope.prefix;
   const bool per_file = options.files_only || options.counts;
   if (options.all || per_file) request.limit = std::nullopt;
   SearchResult result = options.as_indexed
@@ -89,7 +253,7 @@ int cmd_search(const Command& command) {
       }
     }
     if (result.cut) command.notice_cut(files.size(), "files");
-    return 0;
+    return files.empty() ? EXIT_NO_MATCH : 0;
   }
 
   const bool marked = command.colour();
@@ -117,35 +281,62 @@ int cmd_search(const Command& command) {
       command.print("--");
     }
     for (; line < hit.line; ++line) {
-      command.print("{}-{}- {}", shown(hit.path), line,
-                    hit.before[hit.before.size() - static_cast<std::size_t>(hit.line - line)]);
+      print_grep_line(command, hit.path, line,
+                      hit.before[hit.before.size() - static_cast<std::size_t>(hit.line - line)], {},
+                      false);
     }
-    std::string text;
-    std::size_t from = 0;
-    for (const auto& [begin, end] : hit.matches) {
-      if (begin < from) continue;
-      text.append(hit.text, from, begin - from);
-      text += marked ? "\033[1;31m" : "";
-      text.append(hit.text, begin, end - begin);
-      text += marked ? "\033[0m" : "";
-      from = end;
-    }
-    text.append(hit.text, from);
-    command.print("{}:{}: {}", shown(hit.path), hit.line, text);
+    print_grep_line(command, hit.path, hit.line, hit.text, hit.matches, marked);
     // The lines after it stop short of a next hit of the same file that falls among them.
     std::int64_t last = hit.line + static_cast<std::int64_t>(hit.after.size());
     if (i + 1 < hits.size() && hits[i + 1].path == hit.path && hits[i + 1].line > hit.line) {
       last = std::min(last, hits[i + 1].line - 1);
     }
     for (line = hit.line + 1; line <= last; ++line) {
-      command.print("{}-{}- {}", shown(hit.path), line,
-                    hit.after[static_cast<std::size_t>(line - hit.line - 1)]);
+      print_grep_line(command, hit.path, line,
+                      hit.after[static_cast<std::size_t>(line - hit.line - 1)], {}, false);
     }
     group_path = hit.path;
     printed = std::max(last, hit.line);
   }
   if (result.cut) command.notice_cut(result.hits.size(), "matching lines");
-  return 0;
+  return hits.empty() ? EXIT_NO_MATCH : 0;
+}
+
+}  // namespace
+
+int cmd_search(const Command& command) {
+  const Options& options = command.options();
+  std::vector<std::string> patterns = options.patterns;
+  if (!patterns.empty() && !options.search.query.empty()) {
+    // With -e, the first word after the options is REPO, as grep takes it for a path.
+    if (options.repo != ".") {
+      throw UsageError(fmt::format("with -e, '{}' is taken as REPO; '{}' is one word too many",
+                                   options.search.query, options.repo));
+    }
+    Options moved = options;
+    moved.repo = options.search.query;
+    moved.search.query.clear();
+    const Command again(moved, command.io());
+    return cmd_search(again);
+  }
+  if (patterns.empty() && options.search.query.empty()) {
+    throw UsageError("QUERY is required, or -e PATTERN");
+  }
+  const Scope scope = scope_of(command);
+  const bool grep_mode = !patterns.empty() || options.search.whole_word ||
+                         options.search.case_sensitive || options.ignore_case || options.regex ||
+                         options.fixed;
+  if (grep_mode) {
+    if (options.sort == "rank") {
+      throw UsageError("--sort rank applies to full-text queries; patterns come in path order");
+    }
+    if (patterns.empty()) patterns.push_back(options.search.query);
+    for (const std::string& pattern : patterns) {
+      if (pattern.empty()) throw MalformedQuery("an empty pattern: nothing to search for");
+    }
+    return grep_search(command, scope, std::move(patterns));
+  }
+  return fts_search(command, scope);
 }
 
 }  // namespace quilma::cli

@@ -1,0 +1,649 @@
+// Patterns matched as git grep matches them, the candidate chunks the full-text index gives for
+// them, and the scan of the candidate files on every core, printed in path order as they come.
+#include "quilma/cli/grep.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <exception>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include <fmt/format.h>
+#include <fnmatch.h>
+#include <re2/re2.h>
+
+#include "quilma/cli/search.h"
+#include "quilma/cli/source_file.h"
+#include "quilma/storage/core_schema.h"
+#include "quilma/utils/utf8.h"
+
+namespace quilma::cli {
+
+namespace {
+
+// More words than this, found in the vocabulary for the end of a word, and the index no longer
+// narrows the search: reading every chunk costs less than such a query.
+constexpr std::size_t MAX_VOCABULARY_WORDS = 64;
+// A word in more chunks than one in this many files is common: the index does not narrow it.
+// In no more chunks than MIN_COMMON, it is never common: so few cost little to gather.
+constexpr std::int64_t COMMON_SHARE = 4;
+constexpr std::int64_t MIN_COMMON = 64;
+// Files a scanning thread takes at a time, and how far the threads may run ahead of the file
+// being printed, in such batches.
+constexpr std::size_t BATCH_FILES = 16;
+constexpr std::size_t BATCHES_AHEAD = 64;
+// Up to this many candidate files are looked up one by one; more, and all files are listed.
+constexpr std::size_t FEW_FILES = 2000;
+
+// A character of an identifier, as grep -w counts them: bytes of other characters are not.
+bool is_word_byte(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
+}
+
+// The line breaks in [from, to) of `text`.
+std::int64_t count_lines(std::string_view text, std::size_t from, std::size_t to) {
+  std::int64_t count = 0;
+  const char* at = text.data() + from;
+  const char* const end = text.data() + to;
+  while (at < end) {
+    const void* found = std::memchr(at, '\n', static_cast<std::size_t>(end - at));
+    if (found == nullptr) break;
+    ++count;
+    at = static_cast<const char*>(found) + 1;
+  }
+  return count;
+}
+
+// Where `needle` next occurs in `text` from `from` on; npos when nowhere.
+std::size_t find_bytes(std::string_view text, std::string_view needle, std::size_t from) {
+  if (from > text.size()) return std::string_view::npos;
+  const void* found =
+      ::memmem(text.data() + from, text.size() - from, needle.data(), needle.size());
+  return found == nullptr ? std::string_view::npos
+                          : static_cast<std::size_t>(static_cast<const char*>(found) - text.data());
+}
+
+char fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+std::string folded(std::string_view text) {
+  std::string out(text);
+  std::transform(out.begin(), out.end(), out.begin(), fold);
+  return out;
+}
+
+// How the index's tokenizer (unicode61) takes a character: part of a word (letters and
+// digits), a separator, or, for the scripts this list does not know, neither for sure.
+enum class CharKind { Token, Separator, Unknown };
+
+CharKind kind_of(char32_t c) {
+  if (c < 0x80) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')
+               ? CharKind::Token
+               : CharKind::Separator;
+  }
+  if (c < 0xC0) {
+    // Latin-1 punctuation and symbols, but for the letters and numbers among them.
+    for (const char32_t letter : {0xAAU, 0xB2U, 0xB3U, 0xB5U, 0xB9U, 0xBAU, 0xBCU, 0xBDU, 0xBEU}) {
+      if (c == letter) return CharKind::Token;
+    }
+    return CharKind::Separator;
+  }
+  if (c == 0xD7 || c == 0xF7) return CharKind::Separator;
+  if (c < 0x0300 || (c >= 0x0370 && c < 0x0530) || (c >= 0x3040 && c < 0x3100) ||
+      (c >= 0x4E00 && c < 0xA000) || (c >= 0xAC00 && c < 0xD7A4)) {
+    return CharKind::Token;  // Latin, Greek, Cyrillic, Armenian, kana, CJK, Hangul
+  }
+  // General punctuation, arrows, mathematical and technical symbols, box drawing, shapes,
+  // miscellaneous symbols and dingbats (but for the circled digits among them).
+  if ((c >= 0x2000 && c < 0x2070) || (c >= 0x2190 && c < 0x2400) || (c >= 0x2500 && c < 0x2776) ||
+      (c >= 0x2794 && c < 0x27C0)) {
+    return CharKind::Separator;
+  }
+  return CharKind::Unknown;
+}
+
+// A word of a literal text, as the index's tokenizer cuts it, and whether the text could run on
+// past it in a line: the word is at the text's start (or end) and a character of the line may
+// join it.
+struct TextWord {
+  std::string word;
+  bool open_before = false;
+  bool open_after = false;
+};
+
+// The words of `text`; std::nullopt when a character's kind is unknown or a word is not ASCII
+// (the index keeps such words folded in ways this side does not repeat).
+std::optional<std::vector<TextWord>> words_of(std::string_view text) {
+  std::vector<TextWord> words;
+  bool in_word = false;
+  for (std::size_t at = 0; at < text.size();) {
+    char32_t code = 0;
+    const std::size_t length = utils::decode_utf8(text, at, code);
+    if (length == 0) return std::nullopt;
+    const CharKind kind = kind_of(code);
+    if (kind == CharKind::Unknown || (kind == CharKind::Token && code >= 0x80)) {
+      return std::nullopt;
+    }
+    if (kind == CharKind::Token) {
+      if (!in_word) words.push_back({"", at == 0, false});
+      words.back().word += fold(text[at]);
+    }
+    in_word = kind == CharKind::Token;
+    at += length;
+  }
+  if (in_word) words.back().open_after = true;
+  return words;
+}
+
+std::string phrase(std::string_view word) { return "\"" + std::string(word) + "\""; }
+
+// The full-text query for the chunks that can hold `text` as a part of a line: the phrase of
+// its words, where the last may be the start of a longer word of the index. The first may be
+// the end of a longer word only when a letter stands before it; under -w (`word`) only a letter
+// that is not ASCII can, and the index's words that start with one are few: they are looked up
+// in its vocabulary. std::nullopt: every chunk can hold it.
+std::optional<std::string> literal_query(sqlite::Cursor& cursor, std::string_view text, bool word,
+                                         std::int64_t common) {
+  const std::optional<std::vector<TextWord>> words = words_of(text);
+  if (!words || words->empty()) return std::nullopt;
+  // A word in more chunks than `common` narrows nothing: reading every file costs less than
+  // gathering them all from the index.
+  const auto longest = std::max_element(
+      words->begin(), words->end(),
+      [](const TextWord& a, const TextWord& b) { return a.word.size() < b.word.size(); });
+  // Counted only as far as `common`: a common word's whole list of chunks is long to read.
+  if (cursor
+          .execute("SELECT COUNT(*) FROM (SELECT 1 FROM code_chunks WHERE code_chunks MATCH ? "
+                   "LIMIT ?)",
+                   {phrase(longest->word), common + 1})
+          .fetchone()
+          .value()[0]
+          .as_int() > common) {
+    return std::nullopt;
+  }
+  const TextWord& first = words->front();
+  const bool open_end = words->back().open_after;
+  std::string rest;  // the phrase after the first word
+  for (std::size_t i = 1; i < words->size(); ++i) rest += " " + (*words)[i].word;
+  const std::string star = open_end ? " *" : "";
+  std::string query = phrase(first.word + rest) + star;
+  if (!first.open_before) return query;
+  if (!word) return std::nullopt;
+  // The words of the index that start with a letter beyond ASCII and end with the first word
+  // (or hold it, when it is also the last).
+  const std::string glob = "*" + first.word + (words->size() == 1 && open_end ? "*" : "");
+  std::size_t found = 0;
+  for (const sqlite::Row& row :
+       cursor
+           .execute("SELECT term FROM temp.quilma_vocabulary WHERE term >= char(128) AND "
+                    "term GLOB ?",
+                    {glob})
+           .fetchall()) {
+    if (++found > MAX_VOCABULARY_WORDS) return std::nullopt;
+    query += " OR " + phrase(row[0].as_text() + rest) + (words->size() > 1 ? star : "");
+  }
+  return query;
+}
+
+// The longest run of plain characters that every match of `expression` must hold, when its
+// form makes that plain: no alternation, and the run outside groups, classes and repetition.
+std::string required_literal(std::string_view expression) {
+  // Alternation, and flags set inside the expression (such as "(?i)"), are not followed here.
+  if (expression.find('|') != std::string_view::npos ||
+      expression.find("(?") != std::string_view::npos) {
+    return "";
+  }
+  std::string best;
+  std::string run;
+  int depth = 0;
+  const auto end_run = [&] {
+    if (run.size() > best.size()) best = run;
+    run.clear();
+  };
+  for (std::size_t i = 0; i < expression.size(); ++i) {
+    const char c = expression[i];
+    const bool plain = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+                       c == '_' || c == ' ' || c == '-' || c == ':';
+    if (depth == 0 && plain) {
+      const char next = i + 1 < expression.size() ? expression[i + 1] : '\0';
+      if (next == '?' || next == '*' || next == '{') {
+        end_run();  // this character may be absent
+        continue;
+      }
+      run += c;
+      continue;
+    }
+    end_run();
+    if (c == '\\') {
+      ++i;  // an escape: its character is not taken literally here
+    } else if (c == '(' || c == '[') {
+      ++depth;
+    } else if ((c == ')' || c == ']') && depth > 0) {
+      --depth;
+    }
+  }
+  end_run();
+  return best;
+}
+
+}  // namespace
+
+struct LineMatcher::Pattern {
+  std::string text;              // a fixed string (folded under -i)
+  std::unique_ptr<re2::RE2> re;  // or an expression
+  // Text every match holds (folded under -i); empty when there is none to look for.
+  std::string needle;
+};
+
+LineMatcher::LineMatcher(GrepPatterns patterns) : options_(std::move(patterns)) {
+  for (const std::string& source : options_.patterns) {
+    auto pattern = std::make_unique<Pattern>();
+    // A fixed string with letters beyond ASCII folds them as git does in a UTF-8 locale: as an
+    // expression that matches the string itself, in either case.
+    const bool beyond_ascii =
+        std::any_of(source.begin(), source.end(), [](char c) { return (c & 0x80) != 0; });
+    if (options_.regex || (options_.ignore_case && beyond_ascii)) {
+      re2::RE2::Options settings;
+      settings.set_longest_match(true);  // POSIX's leftmost-longest, as git's regexec
+      settings.set_case_sensitive(!options_.ignore_case);
+      settings.set_log_errors(false);
+      pattern->re = std::make_unique<re2::RE2>(
+          options_.regex ? source : re2::RE2::QuoteMeta(source), settings);
+      if (!pattern->re->ok()) {
+        throw MalformedQuery(
+            fmt::format("bad regular expression '{}': {}", source, pattern->re->error()));
+      }
+      if (options_.regex) pattern->needle = required_literal(source);
+    } else {
+      pattern->text = options_.ignore_case ? folded(source) : source;
+      pattern->needle = pattern->text;
+    }
+    if (options_.ignore_case) pattern->needle = folded(pattern->needle);
+    // A needle beyond ASCII would need the same folding: every line is a candidate instead.
+    if (options_.ignore_case && std::any_of(pattern->needle.begin(), pattern->needle.end(),
+                                            [](char c) { return (c & 0x80) != 0; })) {
+      pattern->needle.clear();
+    }
+    compiled_.push_back(std::move(pattern));
+  }
+}
+
+LineMatcher::~LineMatcher() = default;
+
+std::optional<Span> LineMatcher::first_match(const Pattern& pattern, std::string_view line,
+                                             std::size_t from) const {
+  while (from <= line.size()) {
+    Span found;
+    if (pattern.re) {
+      re2::StringPiece group;
+      if (!pattern.re->Match(line, from, line.size(), re2::RE2::UNANCHORED, &group, 1)) break;
+      found = {static_cast<std::size_t>(group.data() - line.data()),
+               static_cast<std::size_t>(group.data() - line.data()) + group.size()};
+    } else {
+      const std::size_t at = options_.ignore_case
+                                 ? std::search(line.begin() + static_cast<std::ptrdiff_t>(from),
+                                               line.end(), pattern.text.begin(), pattern.text.end(),
+                                               [](char a, char b) { return fold(a) == b; }) -
+                                       line.begin()
+                                 : line.find(pattern.text, from);
+      if (at == std::string_view::npos || at + pattern.text.size() > line.size()) break;
+      found = {at, at + pattern.text.size()};
+    }
+    if (!options_.word) return found;
+    const auto [begin, end] = found;
+    if (begin != end && (begin == 0 || !is_word_byte(line[begin - 1])) &&
+        (end == line.size() || !is_word_byte(line[end]))) {
+      return found;
+    }
+    // As git does: on from the next character that follows one that is not a word's.
+    from = begin + 1;
+    while (from < line.size() && is_word_byte(line[from - 1])) ++from;
+    if (from >= line.size()) break;
+  }
+  return std::nullopt;
+}
+
+std::vector<Span> LineMatcher::match(std::string_view line) const {
+  std::vector<Span> spans;
+  for (const auto& pattern : compiled_) {
+    for (std::size_t from = 0; from <= line.size();) {
+      const std::optional<Span> found = first_match(*pattern, line, from);
+      if (!found) break;
+      spans.push_back(*found);
+      from = found->second > found->first ? found->second : found->first + 1;
+    }
+  }
+  if (compiled_.size() > 1) {
+    // Matches of several patterns, in order, without overlaps.
+    std::sort(spans.begin(), spans.end());
+    std::vector<Span> kept;
+    for (const Span& span : spans) {
+      if (kept.empty() || span.first >= kept.back().second) kept.push_back(span);
+    }
+    spans = std::move(kept);
+  }
+  return spans;
+}
+
+void LineMatcher::scan(
+    std::string_view text,
+    const std::function<bool(std::size_t, std::size_t, std::vector<Span>&)>& found) const {
+  // The next place each pattern's needle occurs; a pattern without one makes every line a
+  // candidate.
+  std::vector<std::size_t> next(compiled_.size(), 0);
+  std::vector<bool> stale(compiled_.size(), true);
+  const auto find_needle = [&](const Pattern& pattern, std::size_t from) -> std::size_t {
+    if (pattern.needle.empty()) return from;
+    if (!options_.ignore_case) return find_bytes(text, pattern.needle, from);
+    const auto at = std::search(text.begin() + static_cast<std::ptrdiff_t>(from), text.end(),
+                                pattern.needle.begin(), pattern.needle.end(),
+                                [](char a, char b) { return fold(a) == b; });
+    return at == text.end() ? std::string_view::npos : static_cast<std::size_t>(at - text.begin());
+  };
+  for (std::size_t line_begin = 0; line_begin < text.size();) {
+    std::size_t candidate = std::string_view::npos;
+    for (std::size_t i = 0; i < compiled_.size(); ++i) {
+      if (stale[i] || (next[i] != std::string_view::npos && next[i] < line_begin)) {
+        next[i] = find_needle(*compiled_[i], line_begin);
+        stale[i] = false;
+      }
+      candidate = std::min(candidate, next[i]);
+    }
+    if (candidate == std::string_view::npos) return;
+    const std::size_t previous =
+        candidate == line_begin ? std::string_view::npos : text.rfind('\n', candidate - 1);
+    const std::size_t begin =
+        previous == std::string_view::npos || previous < line_begin ? line_begin : previous + 1;
+    const std::size_t end = std::min(text.find('\n', candidate), text.size());
+    std::vector<Span> matches = match(text.substr(begin, end - begin));
+    if (!matches.empty() && !found(begin, end, matches)) return;
+    line_begin = end + 1;
+  }
+}
+
+std::optional<std::string> LineMatcher::chunk_query(sqlite::Cursor& cursor) const {
+  std::string query;
+  std::optional<std::int64_t> common;
+  for (const auto& pattern : compiled_) {
+    if (pattern->needle.empty()) return std::nullopt;
+    if (!common) {
+      cursor.execute(
+          "CREATE VIRTUAL TABLE IF NOT EXISTS temp.quilma_vocabulary USING "
+          "fts5vocab(main, code_chunks, 'row')");
+      common = std::max(
+          MIN_COMMON, cursor.execute("SELECT COUNT(*) FROM files").fetchone().value()[0].as_int() /
+                          COMMON_SHARE);
+    }
+    const std::optional<std::string> part =
+        literal_query(cursor, pattern->needle, options_.word && !options_.regex, *common);
+    if (!part) return std::nullopt;
+    query += (query.empty() ? "(" : " OR (") + *part + ")";
+  }
+  if (query.empty()) return std::nullopt;
+  return query;
+}
+
+namespace {
+
+// A file to read: from the index (its id), or from disk when the index could not hold it.
+struct Candidate {
+  std::string path;     // relative to the repository
+  std::int64_t id = 0;  // 0 for a file read from disk
+};
+
+// The text of the file with id `id`, from its chunks.
+std::string indexed_text(sqlite::Cursor& cursor, std::int64_t id) {
+  using storage::core_schema::chunk_rowid;
+  std::string text;
+  for (const sqlite::Row& row :
+       cursor
+           .execute("SELECT text FROM code_chunks WHERE rowid >= ? AND rowid < ? ORDER BY rowid",
+                    {chunk_rowid(id, 0), chunk_rowid(id + 1, 0)})
+           .fetchall()) {
+    if (!text.empty()) text += '\n';
+    text += row[0].as_text();
+  }
+  return text;
+}
+
+// The text of a file read from disk; empty when it is binary as git takes it (a NUL among its
+// first bytes) or cannot be read.
+std::string disk_text(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (std::string_view(text).substr(0, BINARY_PROBE_BYTES).find('\0') != std::string_view::npos) {
+    return "";
+  }
+  return text;
+}
+
+// The lines of `text` that match, with `context` lines around them.
+void grep_text(const LineMatcher& matcher, std::string_view text, const GrepRequest& request,
+               GrepFile& file) {
+  const std::int64_t context = request.context;
+  if (text.empty()) return;
+  if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  struct Found {
+    std::int64_t line;
+    std::size_t begin;
+    std::size_t end;
+    std::vector<Span> matches;
+  };
+  std::vector<Found> found;
+  std::int64_t line = 1;
+  std::size_t counted = 0;  // the offset where line `line` starts
+  matcher.scan(text, [&](std::size_t begin, std::size_t end, std::vector<Span>& matches) {
+    line += count_lines(text, counted, begin);
+    counted = begin;
+    found.push_back({line, begin, end, std::move(matches)});
+    return true;
+  });
+  file.matched = static_cast<std::int64_t>(found.size());
+  if (found.empty()) return;
+  const auto add = [&](std::int64_t number, std::size_t begin, std::size_t end,
+                       std::vector<Span> matches) {
+    const std::string_view line = text.substr(begin, end - begin);
+    if (request.render) {
+      std::string rendered = request.render(file.path, number, line, matches);
+      file.lines.push_back({number, std::string(), std::move(matches), std::move(rendered)});
+    } else {
+      file.lines.push_back({number, std::string(line), std::move(matches), std::string()});
+    }
+  };
+  if (context == 0) {
+    for (Found& hit : found) add(hit.line, hit.begin, hit.end, std::move(hit.matches));
+    return;
+  }
+  std::vector<std::size_t> starts{0};  // where each line begins; [0] is line 1
+  for (std::size_t at = text.find('\n'); at != std::string_view::npos;
+       at = text.find('\n', at + 1)) {
+    starts.push_back(at + 1);
+  }
+  const auto last_line = static_cast<std::int64_t>(starts.size());
+  const auto bounds = [&](std::int64_t number) {
+    const auto index = static_cast<std::size_t>(number - 1);
+    const std::size_t begin = starts[index];
+    return std::pair{begin, index + 1 < starts.size() ? starts[index + 1] - 1 : text.size()};
+  };
+  std::int64_t printed = 0;
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    for (std::int64_t n = std::max(printed + 1, found[i].line - context); n < found[i].line; ++n) {
+      const auto [begin, end] = bounds(n);
+      add(n, begin, end, {});
+    }
+    add(found[i].line, found[i].begin, found[i].end, std::move(found[i].matches));
+    printed = found[i].line;
+    const std::int64_t stop = std::min({found[i].line + context, last_line,
+                                        i + 1 < found.size() ? found[i + 1].line - 1 : last_line});
+    for (std::int64_t n = printed + 1; n <= stop; ++n) {
+      const auto [begin, end] = bounds(n);
+      add(n, begin, end, {});
+      printed = n;
+    }
+  }
+}
+
+}  // namespace
+
+bool pathspec_matches(const std::string& spec, const std::string& path) {
+  std::string_view bare = spec;
+  while (bare.ends_with('/')) bare.remove_suffix(1);
+  if (bare.empty() || bare == ".") return true;
+  if (path == bare || (path.starts_with(bare) && path[bare.size()] == '/')) return true;
+  return ::fnmatch(spec.c_str(), path.c_str(), 0) == 0;
+}
+
+std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
+                              const std::function<bool(GrepFile&)>& print) {
+  const LineMatcher matcher(request.patterns);
+  // The candidate files, in path order.
+  std::vector<Candidate> files;
+  std::vector<std::string> unmatched_specs;
+  db.read([&](sqlite::Cursor& cursor) {
+    std::set<std::int64_t> wanted;  // file ids with a candidate chunk
+    const std::optional<std::string> query = matcher.chunk_query(cursor);
+    if (query) {
+      for (const sqlite::Row& row :
+           cursor.execute("SELECT rowid FROM code_chunks WHERE code_chunks MATCH ?", {*query})
+               .fetchall()) {
+        wanted.insert(row[0].as_int() / storage::core_schema::CHUNKS_PER_FILE);
+      }
+    }
+    std::vector<bool> spec_used(request.pathspecs.size(), false);
+    const auto in_scope = [&](const std::string& path) {
+      if (!path.starts_with(request.scope)) return false;
+      if (request.pathspecs.empty()) return true;
+      const std::string relative = path.substr(request.scope.size());
+      bool any = false;
+      for (std::size_t i = 0; i < request.pathspecs.size(); ++i) {
+        if (pathspec_matches(request.pathspecs[i], relative)) any = spec_used[i] = true;
+      }
+      return any;
+    };
+    const auto add_file = [&](const sqlite::Row& row) {
+      std::string path = row[1].as_text();
+      if (in_scope(path) && !request.stale.contains(path)) {
+        files.push_back({std::move(path), row[0].as_int()});
+      }
+    };
+    if (query && wanted.size() < FEW_FILES) {
+      for (const std::int64_t id : wanted) {
+        if (const std::optional<sqlite::Row> row =
+                cursor.execute("SELECT id, path FROM files WHERE id = ?", {id}).fetchone()) {
+          add_file(*row);
+        }
+      }
+    } else {
+      for (const sqlite::Row& row :
+           cursor.execute("SELECT id, path FROM files ORDER BY path").fetchall()) {
+        if (!query || wanted.contains(row[0].as_int())) add_file(row);
+      }
+    }
+    // Files too large to index, and those changed since they were indexed, are read whole at
+    // search time.
+    for (const sqlite::Row& row :
+         cursor
+             .execute("SELECT DISTINCT file_path FROM index_errors WHERE error_type = 'too_large'")
+             .fetchall()) {
+      std::string path = row[0].as_text();
+      if (in_scope(path) && !request.stale.contains(path)) files.push_back({path, 0});
+    }
+    for (const std::string& path : request.from_disk) {
+      if (in_scope(path)) files.push_back({path, 0});
+    }
+    for (std::size_t i = 0; i < spec_used.size(); ++i) {
+      if (!spec_used[i]) unmatched_specs.push_back(request.pathspecs[i]);
+    }
+  });
+  std::sort(files.begin(), files.end(),
+            [](const Candidate& a, const Candidate& b) { return a.path < b.path; });
+
+  // Batches of files, scanned by the threads in any order and printed in theirs.
+  const std::size_t batches = (files.size() + BATCH_FILES - 1) / BATCH_FILES;
+  std::vector<std::optional<std::vector<GrepFile>>> done(batches);
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::size_t next_batch = 0;  // guarded by mutex
+  std::size_t printing = 0;    // guarded by mutex
+  bool stop = false;           // guarded by mutex
+  std::exception_ptr failure;  // guarded by mutex
+  const auto work = [&] {
+    try {
+      while (true) {
+        std::size_t batch = 0;
+        {
+          std::unique_lock hold(mutex);
+          changed.wait(hold, [&] { return stop || next_batch < printing + BATCHES_AHEAD; });
+          if (stop || next_batch >= batches) return;
+          batch = next_batch++;
+        }
+        std::vector<GrepFile> results;
+        const std::size_t first = batch * BATCH_FILES;
+        const std::size_t last = std::min(files.size(), first + BATCH_FILES);
+        std::vector<std::string> texts(last - first);
+        db.read([&](sqlite::Cursor& cursor) {
+          for (std::size_t i = first; i < last; ++i) {
+            if (files[i].id != 0) texts[i - first] = indexed_text(cursor, files[i].id);
+          }
+        });
+        for (std::size_t i = first; i < last; ++i) {
+          const std::string& text =
+              files[i].id != 0 ? texts[i - first]
+                               : (texts[i - first] = disk_text(request.root / files[i].path));
+          GrepFile file;
+          file.path = files[i].path.substr(request.scope.size());
+          grep_text(matcher, text, request, file);
+          if (file.matched > 0) results.push_back(std::move(file));
+        }
+        const std::lock_guard hold(mutex);
+        done[batch] = std::move(results);
+        changed.notify_all();
+      }
+    } catch (...) {
+      const std::lock_guard hold(mutex);
+      if (!failure) failure = std::current_exception();
+      stop = true;
+      changed.notify_all();
+    }
+  };
+  const unsigned cores = std::max(1U, std::thread::hardware_concurrency());
+  const unsigned count = request.threads > 0 ? request.threads : std::min(cores, 4U);
+  {
+    std::vector<std::jthread> threads;
+    for (unsigned i = 0; i < std::min<std::size_t>(count, std::max<std::size_t>(batches, 1)); ++i) {
+      threads.emplace_back(work);
+    }
+    const auto finish = [&] {
+      const std::lock_guard hold(mutex);
+      stop = true;
+      changed.notify_all();
+    };
+    for (std::size_t batch = 0; batch < batches; ++batch) {
+      std::vector<GrepFile> results;
+      {
+        std::unique_lock hold(mutex);
+        changed.wait(hold, [&] { return done[batch].has_value() || failure; });
+        if (failure) break;
+        results = std::move(*done[batch]);
+        done[batch].reset();
+        printing = batch + 1;
+        changed.notify_all();
+      }
+      bool more = true;
+      for (GrepFile& file : results) {
+        if (!(more = print(file))) break;
+      }
+      if (!more) break;
+    }
+    finish();
+  }
+  if (failure) std::rethrow_exception(failure);
+  return unmatched_specs;
+}
+
+}  // namespace quilma::cli
