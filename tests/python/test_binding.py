@@ -1,6 +1,8 @@
 """What the binding itself decides: conversions, error classes, scopes, log records, the GIL."""
 
 import asyncio
+import concurrent.futures
+import ctypes
 import logging
 import os
 import shutil
@@ -37,33 +39,58 @@ def test_values_round_trip(db, value, stored):
     db.execute("INSERT INTO v VALUES (?)", [value])
     got = db.fetchone("SELECT x FROM v")[0]
     assert got == stored and type(got) is type(stored)
+    if isinstance(value, bytearray):
+        value.clear()  # BufferError while the binding still holds its buffer
 
 
 @pytest.mark.parametrize(
-    "value, error", [(2**63, OverflowError), (object(), sqlite3.ProgrammingError)]
+    "args, keywords, error",
+    [
+        (("SELECT ?", (2**63,)), {}, OverflowError),
+        (("SELECT ?", (object(),)), {}, sqlite3.ProgrammingError),
+        (("SELECT ?", "a"), {}, sqlite3.ProgrammingError),
+        (("SELECT ?", 1), {}, sqlite3.ProgrammingError),
+        (("SELECT 1", (), ()), {}, TypeError),
+        (("SELECT 1",), {"sql": "SELECT 1"}, TypeError),
+        ((), {"params": ()}, TypeError),
+    ],
 )
-def test_values_refused(db, value, error):
+def test_calls_refused(db, args, keywords, error):
     with pytest.raises(error):
-        db.fetchone("SELECT ?", (value,))
+        db.fetchone(*args, **keywords)
 
 
 def test_row_and_cursor(db):
-    cur = db.execute("SELECT 1 AS Id, 'a' AS name UNION ALL SELECT 2, 'b'")
-    assert [d[0] for d in cur.description] == ["Id", "name"]
+    cur = db.execute("SELECT 1 AS IdZz, 'a' || 'b' AS name UNION ALL SELECT 2, 'b'")
+    assert [d[0] for d in cur.description] == ["IdZz", "name"]
     rows = list(cur)
     first = rows[0]
-    assert (first[0], first["ID"], first[-1], first[0:2]) == (1, 1, "a", (1, "a"))
-    assert first.keys() == ["Id", "name"] and len(first) == 2 and tuple(first) == (1, "a")
-    again = db.fetchone("SELECT 1 AS Id, 'a' AS name")
-    assert again == first and hash(again) == hash(first) and again != rows[1]
-    assert isinstance(first, Row)
+    assert (first[0], first["iDzZ"], first[-1], first[0:2]) == (1, 1, "ab", (1, "ab"))
+    assert first.keys() == ["IdZz", "name"] and len(first) == 2 and tuple(first) == (1, "ab")
+    assert repr(first) == "Row(IdZz=1, name='ab')"
+    name = first[1]
+    references = sys.getrefcount(name)
+    first[1], first["NAME"]
+    assert sys.getrefcount(name) == references
+    again = db.fetchone(sql="SELECT 1 AS IdZz, 'ab' AS name", params=())
+    assert again == first and not again != first and hash(again) == hash(first)
+    assert again != rows[1] and again != (1, "ab") and isinstance(first, Row)
+    with pytest.raises(TypeError):
+        first < again
     with pytest.raises(IndexError):
         first["missing"]
+    get_item = ctypes.pythonapi.PySequence_GetItem  # the sequence protocol C callers use
+    get_item.restype, get_item.argtypes = ctypes.py_object, (ctypes.py_object, ctypes.c_ssize_t)
+    with pytest.raises(IndexError):
+        get_item(first, 2)
+    assert db.connection.cursor().rowcount == -1
     cur = db.execute("INSERT INTO components (name) VALUES (?)", ("c",))
     assert (cur.rowcount, cur.lastrowid, cur.description) == (1, 1, None)
     assert db.executemany("INSERT INTO components (name) VALUES (?)", [("d",), ("e",)]).rowcount == 2
-    with db.read() as cur:
+    with db.read() as cur, concurrent.futures.ThreadPoolExecutor(1) as other:
         assert cur.execute("SELECT count(*) FROM components").fetchall()[0][0] == 3
+        with pytest.raises(sqlite3.ProgrammingError, match="another thread"):
+            other.submit(cur.execute, "SELECT 1").result()
     with pytest.raises(sqlite3.ProgrammingError):
         cur.execute("SELECT 1")
 
@@ -95,8 +122,9 @@ def test_other_errors(tmp_path):
     db.close()
     with pytest.raises(RuntimeError, match=r"^Database is closed.$"):
         db.execute("SELECT 1")
-    with pytest.raises(NotADirectoryError):
+    with pytest.raises(NotADirectoryError) as not_directory:
         Database(tmp_path / "x.db" / "y.db").connect()
+    assert not_directory.value.filename == str(tmp_path / "x.db")
     pool = ReaderPool(tmp_path / "x.db", 1)
     pool.close()
     with pytest.raises(ReaderUnavailable), pool.lease():
@@ -116,10 +144,21 @@ def test_transaction_rolls_back_and_raises_the_very_same_exception(db):
     assert db.fetchall("SELECT path FROM files") == db.fetchall("SELECT 'b' AS path")
 
 
-def test_paths_unchanged_and_not_utf8(tmp_path):
+def test_paths_and_names_unchanged_and_not_utf8(tmp_path):
     path = os.fsdecode(bytes(tmp_path) + b"/\xff.db")
+    with sqlite3.connect(path) as other:  # a column name another program wrote
+        other.execute("CREATE TABLE t (a, x)")
+        other.execute("INSERT INTO t VALUES (1, 2)")
+        other.execute("PRAGMA writable_schema = ON")
+        other.execute("UPDATE sqlite_master SET sql = "
+                      "'CREATE TABLE t (' || CAST(x'ff' AS TEXT) || ', x)' WHERE name = 't'")
+    other.close()
     with Database(path) as db:
         assert db.db_path is path
+        row = db.fetchone("SELECT * FROM t")
+        assert row["X"] == 2 and row.keys() == ["\udcff", "x"]
+        db.record_error("\udcff.py", "t")
+        assert db.fetchone("SELECT file_path FROM index_errors")[0] == "\udcff.py"
     assert os.path.exists(bytes(tmp_path) + b"/\xff.db")
 
 
@@ -134,7 +173,9 @@ def test_log_records(db, caplog):
     db.execute(
         "INSERT INTO schema_info (key, value) VALUES ('extractor_versions', ?)", ("{'x\n",)
     )
-    db.refresh_extractor_stamp({"python": 1})
+    db.refresh_extractor_stamp({"python": 7})
+    stored = db.fetchone("SELECT value FROM schema_info WHERE key = 'extractor_versions'")
+    assert stored[0] == '{"python": 7}'
     cleared, stamp = caplog.records[0], caplog.records[1]
     assert (cleared.msg, cleared.levelno) == (
         "clear_all: cleared all index data (rows removed: %s)", logging.INFO)
@@ -162,13 +203,27 @@ def test_compaction_failure_carries_the_error(tmp_path, caplog):
     assert isinstance(record.exc_info[1], sqlite3.OperationalError)
 
 
-def test_compact_declines_on_an_asyncio_loop(db):
+def test_compact_declines_on_an_asyncio_loop(db, caplog):
     async def on_loop():
         return db.compact()
 
+    caplog.set_level(logging.DEBUG, LOGGER)
     assert "event loop" in asyncio.run(on_loop()).skipped
+    assert "event loop" in asyncio.run(on_loop()).skipped
+    assert [r.levelno for r in caplog.records[:2]] == [logging.INFO, logging.DEBUG]
     assert db.compact() == Compaction() != Compaction(skipped="x")
     assert hash(Compaction(False, 0, "x")) == hash(Compaction(skipped="x"))
+
+
+def test_rows_leave_nothing_behind(db):
+    def churn():
+        for i in range(300):  # more column lists than the binding keeps
+            repr(db.fetchone(f"SELECT {i} AS c{i % 100}"))
+
+    churn()
+    blocks = sys.getallocatedblocks()
+    churn()
+    assert sys.getallocatedblocks() - blocks < 100
 
 
 def test_a_thread_waiting_for_the_lock_holds_no_gil(db):
