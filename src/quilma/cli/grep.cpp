@@ -490,12 +490,12 @@ void grep_text(const LineMatcher& matcher, std::string_view text, const GrepRequ
 
 }  // namespace
 
-bool pathspec_matches(const std::string& spec, const std::string& path) {
-  std::string_view bare = spec;
+bool pathspec_matches(const std::string& pathspec, const std::string& path) {
+  std::string_view bare = pathspec;
   while (bare.ends_with('/')) bare.remove_suffix(1);
   if (bare.empty() || bare == ".") return true;
   if (path == bare || (path.starts_with(bare) && path[bare.size()] == '/')) return true;
-  return ::fnmatch(spec.c_str(), path.c_str(), 0) == 0;
+  return ::fnmatch(pathspec.c_str(), path.c_str(), 0) == 0;
 }
 
 std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,

@@ -99,7 +99,7 @@ struct GrepRequest {
 
 // Whether `path` matches a git pathspec: the path itself, a directory above it, or a glob whose
 // '*' crosses '/' as git's does.
-bool pathspec_matches(const std::string& spec, const std::string& path);
+bool pathspec_matches(const std::string& pathspec, const std::string& path);
 
 // Searches the files of the index in path order, handing each file that matches to `print`
 // as soon as it and every file before it are done; stops when `print` returns false. Files

@@ -103,8 +103,9 @@ bool in_scope(const SearchRequest& request, const std::string& path) {
   if (!path.starts_with(request.scope)) return false;
   const std::string relative = path.substr(request.scope.size());
   return request.paths.empty() ||
-         std::any_of(request.paths.begin(), request.paths.end(),
-                     [&](const std::string& spec) { return pathspec_matches(spec, relative); });
+         std::any_of(request.paths.begin(), request.paths.end(), [&](const std::string& pathspec) {
+           return pathspec_matches(pathspec, relative);
+         });
 }
 
 // The query in FTS5's syntax: "a AND NOT b", as SQL writes it, is FTS5's "a NOT b".

@@ -162,9 +162,9 @@ int register_row_type(PyObject* module) {
       {Py_mp_subscript, reinterpret_cast<void*>(row_subscript)},
       {0, nullptr},
   };
-  static PyType_Spec spec = {"quilma.storage.database.Row", sizeof(RowObject), 0,
-                             Py_TPFLAGS_DEFAULT, slots};
-  PyObject* type = PyType_FromSpec(&spec);
+  static PyType_Spec type_spec = {"quilma.storage.database.Row", sizeof(RowObject), 0,
+                                  Py_TPFLAGS_DEFAULT, slots};
+  PyObject* type = PyType_FromSpec(&type_spec);
   if (type == nullptr) return -1;
   row_type_object = reinterpret_cast<PyTypeObject*>(type);
   Py_INCREF(type);  // one reference stays here for the life of the process

@@ -207,8 +207,8 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
     if (command.io().out_is_terminal) command.io().out.flush();
     return true;
   });
-  for (const std::string& spec : unmatched) {
-    fmt::print(command.io().err, "quilma-db: --path '{}' matches no indexed file\n", spec);
+  for (const std::string& pathspec : unmatched) {
+    fmt::print(command.io().err, "quilma-db: --path '{}' matches no indexed file\n", pathspec);
   }
   if (cut)
     command.notice_cut(static_cast<std::size_t>(printed), per_file ? "files" : "matching lines");
