@@ -234,6 +234,15 @@ TEST_F(IndexedRepoTest, JsonAndPlainAnswersAndCheckNamesWhatIsDamaged) {
   EXPECT_EQ(shell("cd " + index_.string() + " && ls | sed 's/-[0-9TZ]*/-T/'"),
             "0 index.db\nindex.db.damaged-T\nindex.db.damaged-T-wal\n");
   expect_outputs({{{"check"}, "ok\n"}, {{"search", "plantedIdentifier"}, PLANTED}});
+  // An index made before the tool listed mixed-script words is built anew.
+  storage::Database older(file);
+  older.connect();
+  older.execute("DROP TABLE mixed_words");
+  older.close();
+  EXPECT_NE(in_repo({"index", "-q"})
+                .out.find("full build (the index does not list its "
+                          "mixed-script words yet)"),
+            std::string::npos);
 }
 
 TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
@@ -342,7 +351,8 @@ struct TreeChange {
 class ChangedTreeTest : public ::testing::TestWithParam<TreeChange> {};
 
 // Before the next index run search reads the changed files themselves; after it, the index has
-// them. Either way it prints the lines that git grep prints in the changed tree.
+// them, and a word after a letter that the index folds into ASCII ("àtarget") among them. Either
+// way it prints the lines that git grep prints in the changed tree.
 TEST_P(ChangedTreeTest, SearchAnswersAsGitGrepBeforeAndAfterTheUpdate) {
   testing::TempDir dir;
   const std::string git = "cd " + dir.path().string() + " && git ";
@@ -361,13 +371,19 @@ TEST_P(ChangedTreeTest, SearchAnswersAsGitGrepBeforeAndAfterTheUpdate) {
               shell(git + "grep --untracked -n -w -I target"))
         << (updated ? "after the update" : "before it");
   }
+  // The files changed too recently for their times to vouch for them: the search above read
+  // them from disk again. The index alone answers alike.
+  EXPECT_EQ(
+      "0 " +
+          quilma_db({"search", "-w", "--all", "--as-indexed", "target", dir.path().string()}).out,
+      shell(git + "grep --untracked -n -w -I target"));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Changes, ChangedTreeTest,
     ::testing::Values(
-        TreeChange{"add", "printf 'x\\ntarget()\\n' > new.py",
-                   "1 added, 0 updated, 0 removed, 3 unchanged"},
+        TreeChange{"add", "printf 'x\\ntarget()\\n' > new.py && printf '\\303\\240target' > new.md",
+                   "2 added, 0 updated, 0 removed, 3 unchanged"},
         TreeChange{"line_shift", "sed -i '1i import os' a.py",
                    "0 added, 1 updated, 0 removed, 2 unchanged"},
         TreeChange{"delete", "git rm -qf b.py", "0 added, 0 updated, 1 removed, 2 unchanged"},
@@ -412,9 +428,11 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     write(dir() / "nul_late.txt",
           std::string(BINARY_PROBE_BYTES, 'a') + std::string("\0commit\n", 8));
     write(dir() / "nul_early.bin", std::string("commit\0\n", 8));
-    // A rare word, found through the index, in files of its own: after a CJK letter, before an
-    // accented one, and inside an ASCII word, where only grep without -w finds it.
+    // A rare word, found through the index, in files of its own: after a CJK letter, after
+    // accented ones (which the index folds into ASCII), before an accented one, and inside an
+    // ASCII word, where only grep without -w finds it.
     write(dir() / "rare/cjk.txt", "\xe4\xb8\x80\xe6\xac\xa1Zorblax\xe7\x9a\x84\n");
+    write(dir() / "rare/folded.txt", "d\xc3\xa9j\xc3\xa0Zorblax end\n\xc3\x89zorblax\n");
     write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n");
     write(dir() / "rare/inside.txt", "xZorblax\n");
     ASSERT_EQ(shell(git() + "init -q && " + git() + "add -A"), "0 ");
@@ -436,7 +454,9 @@ TEST_P(GrepParityTest, PrintsWhatGitGrepPrints) {
     grep += (i + 1 == flags.size() && !listed ? " -e '" : " '") + flags[i] + "'";
   }
   const std::string expected = shell(grep);
-  Args search{"search", "--all", "--color", "never"};
+  // As indexed: the files were written moments before the index was built, too recently for
+  // their times to vouch for them, and would be read from disk instead.
+  Args search{"search", "--all", "--as-indexed", "--color", "never"};
   search.insert(search.end(), flags.begin(), flags.end() - 1);
   if (!listed) search.emplace_back("--");
   search.insert(search.end(), {flags.back(), (dir() / where).string()});
@@ -456,6 +476,7 @@ INSTANTIATE_TEST_SUITE_P(
                       std::pair{Args{"-w", "a::b"}, ""}, std::pair{Args{"-w", "_x"}, ""},
                       std::pair{Args{"-F", "commit"}, ""}, std::pair{Args{"-i", "HALL"}, ""},
                       std::pair{Args{"-w", "Zorblax"}, ""}, std::pair{Args{"-F", "Zorblax"}, ""},
+                      std::pair{Args{"-w", "-i", "Zorblax end"}, ""},
                       std::pair{Args{"-w", "-i", "\xc3\x9c\x62\x65r"}, ""},
                       std::pair{Args{"-w", "-e", "send_file", "-e", "x1"}, ""},
                       std::pair{Args{"-E", "comm[a-z]+"}, ""},

@@ -1,6 +1,7 @@
 // Reading one file for the index, and writing its rows and its recorded state.
 #include "quilma/cli/file_rows.h"
 
+#include "quilma/cli/mixed_words.h"
 #include "quilma/models/symbol.h"
 #include "quilma/storage/core_schema.h"
 #include "quilma/utils/utf8.h"
@@ -23,8 +24,10 @@ std::unique_ptr<PreparedFile> prepare_file(const std::filesystem::path& path) {
   prepared->hash = content_hash(file.content);
   prepared->lines = line_count(file.content);
   if (file.problem) prepared->replaced = utils::replace_invalid_utf8(file.content);
-  prepared->chunks = chunk_lines(file.problem ? std::string_view(prepared->replaced)
-                                              : std::string_view(file.content));
+  const std::string_view text =
+      file.problem ? std::string_view(prepared->replaced) : std::string_view(file.content);
+  prepared->chunks = chunk_lines(text);
+  prepared->mixed_words = mixed_words(text);
   return prepared;
 }
 
@@ -46,6 +49,9 @@ void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
         "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, ?)",
         {storage::core_schema::chunk_rowid(id, index++), chunk.text, chunk.start_line,
          chunk.end_line, exact ? 1 : 0});
+  }
+  for (const std::string& word : prepared.mixed_words) {
+    cursor.execute("INSERT OR IGNORE INTO mixed_words (word) VALUES (?)", {word});
   }
 }
 

@@ -23,13 +23,15 @@ struct PreparedFile {
   std::int64_t lines = 0;
   std::string replaced;  // the text with U+FFFD for each stray byte, for a file that has them
   std::vector<Chunk> chunks;
+  std::vector<std::string> mixed_words;  // of the text, for the tool's list (mixed_words.h)
   // Whether the file goes into `files`: readable text, its stray bytes replaced if need be.
   bool indexed() const { return !file.problem || file.problem->indexed; }
 };
 
 std::unique_ptr<PreparedFile> prepare_file(const std::filesystem::path& path);
 
-// Writes one indexed file: its row under `id`, its anchor symbol and its chunks. The digest is
+// Writes one indexed file: its row under `id`, its anchor symbol, its chunks, and its mixed
+// words into the tool's list. The digest is
 // of the bytes on disk; the chunks of a file with stray bytes hold U+FFFD for each and are
 // marked inexact.
 void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,

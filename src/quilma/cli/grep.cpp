@@ -17,6 +17,7 @@
 #include <fnmatch.h>
 #include <re2/re2.h>
 
+#include "quilma/cli/mixed_words.h"
 #include "quilma/cli/search.h"
 #include "quilma/cli/source_file.h"
 #include "quilma/storage/core_schema.h"
@@ -74,37 +75,6 @@ std::string folded(std::string_view text) {
   std::string out(text);
   std::transform(out.begin(), out.end(), out.begin(), fold);
   return out;
-}
-
-// How the index's tokenizer (unicode61) takes a character: part of a word (letters and
-// digits), a separator, or, for the scripts this list does not know, neither for sure.
-enum class CharKind { Token, Separator, Unknown };
-
-CharKind kind_of(char32_t c) {
-  if (c < 0x80) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')
-               ? CharKind::Token
-               : CharKind::Separator;
-  }
-  if (c < 0xC0) {
-    // Latin-1 punctuation and symbols, but for the letters and numbers among them.
-    for (const char32_t letter : {0xAAU, 0xB2U, 0xB3U, 0xB5U, 0xB9U, 0xBAU, 0xBCU, 0xBDU, 0xBEU}) {
-      if (c == letter) return CharKind::Token;
-    }
-    return CharKind::Separator;
-  }
-  if (c == 0xD7 || c == 0xF7) return CharKind::Separator;
-  if (c < 0x0300 || (c >= 0x0370 && c < 0x0530) || (c >= 0x3040 && c < 0x3100) ||
-      (c >= 0x4E00 && c < 0xA000) || (c >= 0xAC00 && c < 0xD7A4)) {
-    return CharKind::Token;  // Latin, Greek, Cyrillic, Armenian, kana, CJK, Hangul
-  }
-  // General punctuation, arrows, mathematical and technical symbols, box drawing, shapes,
-  // miscellaneous symbols and dingbats (but for the circled digits among them).
-  if ((c >= 0x2000 && c < 0x2070) || (c >= 0x2190 && c < 0x2400) || (c >= 0x2500 && c < 0x2776) ||
-      (c >= 0x2794 && c < 0x27C0)) {
-    return CharKind::Separator;
-  }
-  return CharKind::Unknown;
 }
 
 // A word of a literal text, as the index's tokenizer cuts it, and whether the text could run on
@@ -175,16 +145,29 @@ std::optional<std::string> literal_query(sqlite::Cursor& cursor, std::string_vie
   if (!first.open_before) return query;
   if (!word) return std::nullopt;
   // The words of the index that start with a letter beyond ASCII and end with the first word
-  // (or hold it, when it is also the last).
+  // (or hold it, when it is also the last); then the words that the tool listed because they
+  // hold a letter beyond ASCII before ASCII ones, folded in the index past recognition.
   const std::string glob = "*" + first.word + (words->size() == 1 && open_end ? "*" : "");
-  std::size_t found = 0;
-  for (const sqlite::Row& row :
-       cursor
-           .execute("SELECT term FROM temp.quilma_vocabulary WHERE term >= char(128) AND "
-                    "term GLOB ?",
-                    {glob})
-           .fetchall()) {
-    if (++found > MAX_VOCABULARY_WORDS) return std::nullopt;
+  const auto limit = static_cast<std::int64_t>(MAX_VOCABULARY_WORDS + 1);
+  std::vector<sqlite::Row> found =
+      cursor
+          .execute(
+              "SELECT term FROM temp.quilma_vocabulary WHERE term >= char(128) AND "
+              "term GLOB ? LIMIT ?",
+              {glob, limit})
+          .fetchall();
+  if (cursor
+          .execute("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = ?",
+                   {MIXED_WORDS_TABLE})
+          .fetchone()) {
+    std::vector<sqlite::Row> listed =
+        cursor.execute("SELECT word FROM mixed_words WHERE word GLOB ? LIMIT ?", {glob, limit})
+            .fetchall();
+    found.insert(found.end(), std::make_move_iterator(listed.begin()),
+                 std::make_move_iterator(listed.end()));
+  }
+  if (found.size() > MAX_VOCABULARY_WORDS) return std::nullopt;
+  for (const sqlite::Row& row : found) {
     query += " OR " + phrase(row[0].as_text() + rest) + (words->size() > 1 ? star : "");
   }
   return query;

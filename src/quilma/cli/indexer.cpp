@@ -30,6 +30,7 @@
 
 #include "quilma/cli/file_rows.h"
 #include "quilma/cli/freshness.h"
+#include "quilma/cli/mixed_words.h"
 #include "quilma/cli/repo_files.h"
 #include "quilma/cli/source_file.h"
 #include "quilma/sqlite/error.h"
@@ -241,6 +242,7 @@ void build_staging(storage::Database& staging, const IndexRequest& request,
   staging.execute("INSERT INTO code_chunks (code_chunks, rank) VALUES ('hashsize', ?)",
                   {STAGING_HASH_BYTES});
   staging.execute(FILE_STATES_DDL);
+  staging.execute(MIXED_WORDS_DDL);
   const auto total = static_cast<std::int64_t>(paths.size());
   std::int64_t next = 0;
   std::int64_t id = 0;
@@ -398,6 +400,8 @@ void swap_in(storage::Database& live, const fs::path& staging, const IndexReques
     live.transaction([](sqlite::Cursor& cursor) {
       cursor.execute("DELETE FROM main.file_states");
       cursor.execute("INSERT INTO main.file_states SELECT * FROM built.file_states");
+      // Added to, not replaced: should the swap not happen, the live texts' words stay listed.
+      cursor.execute("INSERT OR IGNORE INTO main.mixed_words SELECT word FROM built.mixed_words");
     });
   } catch (...) {
     try {
@@ -487,10 +491,17 @@ IndexReport index_once(const IndexRequest& request, Progress& progress) {
   // full build. One that is damaged is moved aside, and a new one built.
   std::optional<storage::Database> live;
   std::optional<Recorded> recorded;
+  bool lists_mixed_words = false;  // the index has the tool's list of mixed words
   const auto open_live = [&] {
     live.emplace(request.database);
     open_database(*live);
+    lists_mixed_words =
+        live->execute("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = ?",
+                      {MIXED_WORDS_TABLE})
+            .fetchone()
+            .has_value();
     live->execute(FILE_STATES_DDL);
+    live->execute(MIXED_WORDS_DDL);
     recorded = read_recorded(*live);
   };
   const auto rebuild_if_damaged = [&](const sqlite::Error& error) {
@@ -523,6 +534,9 @@ IndexReport index_once(const IndexRequest& request, Progress& progress) {
     report.full_reason = "asked for with --full";
   } else if (recorded->files.empty() && recorded->states.empty()) {
     report.full_reason = report.moved_aside ? "the index was damaged" : "no index yet";
+  } else if (!lists_mixed_words) {
+    // Its texts' words would be missing from the list, and -w searches miss them.
+    report.full_reason = "the index does not list its mixed-script words yet";
   } else {
     changes = find_changes(*recorded, request.repo, listed.paths);
     const double limit = std::max(FULL_REBUILD_SHARE * static_cast<double>(listed.paths.size()),
