@@ -176,7 +176,7 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
   expect_outputs(
       {{{"search", "plantedIdentifier"}, ""},
        {{"search", "renamedIdentifier"}, "src/planted.py:5:    renamedIdentifier = compute(5)\n"},
-       {{"search", "latinName"}, "caf\\xe9.py:1:latinName = 1\n"},
+       {{"search", "latinName"}, "\"caf\\351.py\":1:latinName = 1\n"},  // quoted as git quotes it
        {{"generation"}, "1\n"},
        {{"errors"},
         "assets/logo.png: binary: a NUL byte at offset 8\n"
@@ -429,10 +429,11 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
           std::string(BINARY_PROBE_BYTES, 'a') + std::string("\0commit\n", 8));
     write(dir() / "nul_early.bin", std::string("commit\0\n", 8));
     // A rare word, found through the index, in files of its own: after a CJK letter, after
-    // accented ones (which the index folds into ASCII), before an accented one, and inside an
-    // ASCII word, where only grep without -w finds it.
+    // accented ones (which the index folds into ASCII) in a file whose name git quotes, before
+    // an accented one, and inside an ASCII word, where only grep without -w finds it.
     write(dir() / "rare/cjk.txt", "\xe4\xb8\x80\xe6\xac\xa1Zorblax\xe7\x9a\x84\n");
-    write(dir() / "rare/folded.txt", "d\xc3\xa9j\xc3\xa0Zorblax end\n\xc3\x89zorblax\n");
+    write(dir() / "rare/folded \xc3\xa0 \"quoted\".txt",
+          "d\xc3\xa9j\xc3\xa0Zorblax end\n\xc3\x89zorblax\n");
     write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n");
     write(dir() / "rare/inside.txt", "xZorblax\n");
     ASSERT_EQ(shell(git() + "init -q && " + git() + "add -A"), "0 ");

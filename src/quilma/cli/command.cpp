@@ -1,6 +1,7 @@
 // What the commands share: finding the index, opening it, and printing.
 #include "quilma/cli/command.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -69,6 +70,30 @@ std::string shown(std::string_view name) {
     }
   }
   return text;
+}
+
+std::string quoted_path(std::string_view path) {
+  const auto plain = [](unsigned char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; };
+  if (std::all_of(path.begin(), path.end(), [&](char c) { return plain(c); })) {
+    return std::string(path);
+  }
+  std::string text = "\"";
+  for (const char c : path) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (plain(byte)) {
+      text += c;
+      continue;
+    }
+    text += '\\';
+    if (byte == '"' || byte == '\\') {
+      text += c;
+    } else if (byte >= '\a' && byte <= '\r') {
+      text += "abtnvfr"[byte - '\a'];
+    } else {
+      text += fmt::format("{:03o}", byte);
+    }
+  }
+  return text + '"';
 }
 
 json counts_json(const storage::Counts& counts) {

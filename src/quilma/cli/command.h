@@ -99,6 +99,10 @@ class Command {
 // instead of being written raw.
 std::string shown(std::string_view name);
 
+// `path` as git prints a path by default: as it is when it holds only printable ASCII and no '"'
+// or '\\'; otherwise in double quotes, with C's escapes and each other byte in octal ("\303\251").
+std::string quoted_path(std::string_view path);
+
 json counts_json(const storage::Counts& counts);
 std::string counts_text(const storage::Counts& counts);
 

@@ -71,7 +71,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A line as grep prints it: "path:N:text" for a match, "path-N-text" for context.
+// A line as grep prints it: "path:N:text" for a match, "path-N-text" for context, the path
+// quoted as git quotes it.
 std::string grep_line(std::string_view path, std::int64_t number, std::string_view text,
                       const std::vector<Span>& matches, bool marked) {
   const char separator = matches.empty() ? '-' : ':';
@@ -80,7 +81,7 @@ std::string grep_line(std::string_view path, std::int64_t number, std::string_vi
   thread_local std::string last_shown;
   if (path != last_path) {
     last_path = path;
-    last_shown = shown(path);
+    last_shown = quoted_path(path);
   }
   std::string line = fmt::format("{}{}{}{}", last_shown, separator, number, separator);
   std::size_t from = 0;
@@ -175,9 +176,9 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
         command.print_line(options.counts ? json{{"path", file.path}, {"count", file.matched}}
                                           : json{{"path", file.path}});
       } else if (options.counts) {
-        command.print("{}:{}", shown(file.path), file.matched);
+        command.print("{}:{}", quoted_path(file.path), file.matched);
       } else {
-        command.print("{}", shown(file.path));
+        command.print("{}", quoted_path(file.path));
       }
       ++printed;
       return true;
@@ -247,9 +248,9 @@ int fts_search(const Command& command, const Scope& scope) {
         command.print_line(options.counts ? json{{"path", path}, {"count", count}}
                                           : json{{"path", path}});
       } else if (options.counts) {
-        command.print("{}:{}", shown(path), count);
+        command.print("{}:{}", quoted_path(path), count);
       } else {
-        command.print("{}", shown(path));
+        command.print("{}", quoted_path(path));
       }
     }
     if (result.cut) command.notice_cut(files.size(), "files");
