@@ -305,6 +305,15 @@ TEST_F(IndexedRepoTest, AnIndexThatCannotBeWrittenIsSearched) {
     EXPECT_EQ(shell(search), "0 " + PLANTED);
   }
   ASSERT_EQ(shell("chmod u+w " + index_.string()), "0 ");
+  // On a read-only mount no process can write it: it is read as it stands. (Where this user
+  // may not make a mount namespace of its own, there is no such mount to try.)
+  if (shell("unshare -rm true") == "0 ") {
+    const std::string at = index_.string() + " " + index_.string();
+    EXPECT_EQ(
+        shell("unshare -rm sh -c 'mount --bind " + at + " && mount -o remount,bind,ro " + at +
+              " && " + QUILMA_DB_EXECUTABLE + " search plantedIdentifier " + repo_.string() + "'"),
+        "0 " + PLANTED);
+  }
   EXPECT_EQ(ls(), "0 index.db\n");
   EXPECT_EQ(shell("cat " + (index_ / "index.db").string()), before);
 }

@@ -259,6 +259,10 @@ TEST_F(DatabaseIndexTest,
     EXPECT_EQ(snapshot(), before) << message;
   }
   EXPECT_EQ(rows("x"), 1);
+  // A path that cannot be looked at is not a missing file: the system's error says why.
+  EXPECT_THAT(error_of<std::filesystem::filesystem_error>(
+                  [&] { db_.swap_index_from(dir_ / std::string(300, 'x')); }),
+              ::testing::HasSubstr("cannot look at the staging database"));
   // Clearing and swapping survive the disk filling at any point.
   db_.close();
   build_staging(staging_);
