@@ -263,6 +263,11 @@ TEST_F(DatabaseIndexTest,
   EXPECT_THAT(error_of<std::filesystem::filesystem_error>(
                   [&] { db_.swap_index_from(dir_ / std::string(300, 'x')); }),
               ::testing::HasSubstr("cannot look at the staging database"));
+  // Nor inside a transaction that a statement of the caller's own began.
+  db_.execute("BEGIN");
+  EXPECT_EQ(error_of<sqlite::OperationalError>([&] { db_.swap_index_from(staging_); }),
+            "cannot ATTACH database within transaction");
+  db_.execute("ROLLBACK");
   // Clearing and swapping survive the disk filling at any point.
   db_.close();
   build_staging(staging_);
