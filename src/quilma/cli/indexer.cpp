@@ -55,7 +55,7 @@ constexpr std::size_t UPDATE_BATCH_FILES = 32;
 // than a build ever writes.
 constexpr std::int64_t STAGING_CRISIS_MERGE = 100000;
 // The memory FTS5 may fill with a transaction's tokens before it writes a segment.
-constexpr std::int64_t STAGING_HASH_BYTES = std::int64_t{16} << 20;
+constexpr std::int64_t STAGING_HASH_BYTES = std::int64_t{64} << 20;
 
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
