@@ -248,6 +248,11 @@ TEST_F(DatabaseTest, AReadOnlyOpenThatCannotShareTheLogIsRefused) {
 TEST_F(DatabaseTest, ReadsSeeOneStateWithoutWaitingForWritesAndUseTheWriterOnlyWhenTheyMust) {
   open();
   db_.execute("INSERT INTO t (v) VALUES ('committed')");
+  // What execute() returns holds its rows: the writer goes on without the statement.
+  Cursor unread = db_.execute("SELECT v FROM t");
+  db_.execute("INSERT INTO t (v) VALUES ('after')");
+  EXPECT_EQ(unread.fetchall().size(), 1U);
+  db_.execute("DELETE FROM t WHERE v = 'after'");
   trace_writer();
   EXPECT_EQ(db_.fetchall("  \n select 5").size() + db_.fetchall("pragma user_version;").size(), 2U);
   EXPECT_TRUE(traced().empty());

@@ -68,6 +68,11 @@ TEST_F(SpaceTest, TheTemporaryDirectoryAndTheRoomAVacuumNeeds) {
     free_ = 1064 * MiB - 1;
     EXPECT_NE(detail::disk_shortfall(dir_.path(), 500 * MiB), std::nullopt);
   }
+  {
+    testing::ScopedEnv configured("SQLITE_TMPDIR", dir_.path().c_str());  // the file's volume
+    free_ = 1064 * MiB - 1;
+    EXPECT_NE(detail::disk_shortfall(dir_.path(), 500 * MiB), std::nullopt);
+  }
   testing::ScopedEnv empty("SQLITE_TMPDIR", ""), not_a_directory("TMPDIR", "/dev/null");
   EXPECT_EQ(detail::temp_directory(), "/var/tmp");
 }
