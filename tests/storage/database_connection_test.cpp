@@ -352,6 +352,23 @@ TEST_F(DatabaseTest, PoolLeasesWaitForAConnectionAndCloseWaitsForAllLeasesThenRe
   EXPECT_EQ(error_of<ReaderUnavailable>([&] { pool.lease(); }),
             "the read connections of " + path_.string() + " are closed");
   EXPECT_THROW(ReaderPool(dir_ / "missing.db", 1).lease(), ReaderUnavailable);
+  // A read connection that fails to close (a statement made outside the binding holds it)
+  // is reported once the pool has closed them all.
+  std::mutex holding;
+  std::vector<sqlite3_stmt*> held;
+  ReaderPool failing(path_, 2, [&](sqlite::Connection& reader) {
+    sqlite3_stmt* statement = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(reader.handle(), "SELECT 1", -1, &statement, nullptr), SQLITE_OK);
+    const std::lock_guard hold(holding);
+    held.push_back(statement);
+  });
+  {
+    const ReaderPool::Lease first = failing.lease();
+    const ReaderPool::Lease second = failing.lease();
+  }
+  EXPECT_EQ(error_of<sqlite::OperationalError>([&] { failing.close(); }),
+            "unable to close due to unfinalized statements or unfinished backups");
+  for (sqlite3_stmt* statement : held) sqlite3_finalize(statement);
 }
 
 // Several processes on one index file: opening or reading a current file takes no write lock
