@@ -346,6 +346,8 @@ TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
   }
   // Help shows the defaults.
   EXPECT_NE(quilma_db({"search", "--help"}).out.find("--limit INT:N >= 1=20"), std::string::npos);
+  EXPECT_NE(quilma_db({"--help"}).out.find("--color TEXT:{auto,always,never}=auto"),
+            std::string::npos);
   // A run gives the storage layer's loggers back as it found them.
   EXPECT_EQ(storage::database_logger()->level(), level);
 }
@@ -368,6 +370,7 @@ TEST_P(ChangedTreeTest, SearchAnswersAsGitGrepBeforeAndAfterTheUpdate) {
   write(dir / "a.py", python_with("target", 49));  // its last chunk's first line is 51
   write(dir / "b.py", python_with("target", 10));
   write(dir / "c.md", "target\n");
+  write(dir / "d.bin", std::string("target\0", 7));  // left out
   ASSERT_EQ(shell(git + "init -q && " + git + "add -A"), "0 ");
   ASSERT_EQ(quilma_db({"index", "-q", dir.path().string()}).told, "0 ");
   ASSERT_EQ(shell("cd " + dir.path().string() + " && " + GetParam().command), "0 ");
@@ -392,14 +395,16 @@ INSTANTIATE_TEST_SUITE_P(
     Changes, ChangedTreeTest,
     ::testing::Values(
         TreeChange{"add", "printf 'x\\ntarget()\\n' > new.py && printf '\\303\\240target' > new.md",
-                   "2 added, 0 updated, 0 removed, 3 unchanged"},
+                   "2 added, 0 updated, 0 removed, 4 unchanged"},
         TreeChange{"line_shift", "sed -i '1i import os' a.py",
-                   "0 added, 1 updated, 0 removed, 2 unchanged"},
-        TreeChange{"delete", "git rm -qf b.py", "0 added, 0 updated, 1 removed, 2 unchanged"},
+                   "0 added, 1 updated, 0 removed, 3 unchanged"},
+        TreeChange{"delete", "git rm -qf b.py", "0 added, 0 updated, 1 removed, 3 unchanged"},
+        TreeChange{"delete_left_out", "git rm -qf d.bin",
+                   "0 added, 0 updated, 1 removed, 3 unchanged"},
         TreeChange{"rename", "mkdir d && git mv b.py d/b.py",
-                   "1 added, 0 updated, 1 removed, 2 unchanged"},
+                   "1 added, 0 updated, 1 removed, 3 unchanged"},
         TreeChange{"turns_binary", "printf 'target\\0' > c.md",
-                   "0 added, 1 updated, 0 removed, 2 unchanged; 1 left out, 0 with bytes that "
+                   "0 added, 1 updated, 0 removed, 3 unchanged; 2 left out, 0 with bytes that "
                    "are not UTF-8"}),
     [](const auto& info) { return std::string(info.param.name); });
 
@@ -439,11 +444,12 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     write(dir() / "nul_early.bin", std::string("commit\0\n", 8));
     // A rare word, found through the index, in files of its own: after a CJK letter, after
     // accented ones (which the index folds into ASCII) in a file whose name git quotes, before
-    // an accented one, and inside an ASCII word, where only grep without -w finds it.
+    // an accented one, and inside an ASCII word (after a letter, after a digit), where only grep
+    // without -w finds it.
     write(dir() / "rare/cjk.txt", "\xe4\xb8\x80\xe6\xac\xa1Zorblax\xe7\x9a\x84\n");
     write(dir() / "rare/folded \xc3\xa0 \"quoted\".txt",
           "d\xc3\xa9j\xc3\xa0Zorblax end\n\xc3\x89zorblax\n");
-    write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n");
+    write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n0Zorblax\n");
     write(dir() / "rare/inside.txt", "xZorblax\n");
     ASSERT_EQ(shell(git() + "init -q && " + git() + "add -A"), "0 ");
     ASSERT_EQ(quilma_db({"index", "-q", dir().string()}).told, "0 ");
