@@ -444,8 +444,8 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     write(dir() / "nul_early.bin", std::string("commit\0\n", 8));
     // A rare word, found through the index, in files of its own: after a CJK letter, after
     // accented ones (which the index folds into ASCII) in a file whose name git quotes, before
-    // an accented one, and inside an ASCII word (after a letter, after a digit), where only grep
-    // without -w finds it.
+    // an accented one, and inside an ASCII word (after a digit, in a file the index offers for
+    // another line; after a letter), where only grep without -w finds it.
     write(dir() / "rare/cjk.txt", "\xe4\xb8\x80\xe6\xac\xa1Zorblax\xe7\x9a\x84\n");
     write(dir() / "rare/folded \xc3\xa0 \"quoted\".txt",
           "d\xc3\xa9j\xc3\xa0Zorblax end\n\xc3\x89zorblax\n");
