@@ -451,6 +451,7 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
           "d\xc3\xa9j\xc3\xa0Zorblax end\n\xc3\x89zorblax\n");
     write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n0Zorblax\n");
     write(dir() / "rare/inside.txt", "xZorblax\n");
+    write(dir() / "rare/last.txt", "x\nHALL");  // a match that ends the file
     ASSERT_EQ(shell(git() + "init -q && " + git() + "add -A"), "0 ");
     ASSERT_EQ(quilma_db({"index", "-q", dir().string()}).told, "0 ");
   }
