@@ -272,12 +272,19 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
   // A long line is printed whole, and JSON offsets point into it.
   const json needle = json::parse(in_repo({"search", "--json", "needle"}).out);
   EXPECT_EQ(needle["text"].get<std::string>().substr(needle["matches"][0][0], 6), "needle");
+  // Matches of several patterns come in their order in the line.
+  EXPECT_EQ(json::parse(in_repo({"search", "--json", "-w", "-e", "delta", "-e", "gamma"}).out)
+                .at("matches"),
+            json::parse("[[0, 5], [6, 11]]"));
   // A limit that cuts the result says so on stderr, and only then.
   const Result limited = in_repo({"search", "--limit", "2", "value_*"});
   EXPECT_EQ(limited.told + std::to_string(split(limited.out).size()),
             "0 quilma-db: showing the first 2 matching lines; more match (--limit N, or --all)\n2");
   const Result all = in_repo({"search", "--all", "value_*"});
   EXPECT_EQ(all.told + std::to_string(split(all.out).size()), "0 119");
+  // A new extractor version marks the files of its language for the next run.
+  EXPECT_EQ(quilma_db({"stamp", "python=2", "--repo", repo_.string()}).out,
+            "marked 2 files for re-parsing\n");
 }
 
 // An index this user may not write, in a directory it may not write either: searched through
