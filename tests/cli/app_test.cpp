@@ -260,11 +260,13 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
        {{"search", "-c", "--path", "*.py", "--sort", "path", "value_1*"}, "src/planted.py:32\n"},
        // Every line of a match that spans lines.
        {{"search", "\"beta gamma\""}, "words.txt:1:alpha beta\nwords.txt:2:gamma delta\n"},
-       // Context crosses chunks and stops at the file's end; groups that meet print once.
-       {{"search", "-C", "1", "--sort", "path", "value_10 OR value_12 OR value_51 OR value_120"},
+       // Context crosses chunks and stops at the file's end; groups that meet, one's lines after
+       // and the next one's before, print once.
+       {{"search", "-C", "1", "--sort", "path", "value_10 OR value_13 OR value_51 OR value_120"},
         "src/planted.py-9-value_9 = 9\nsrc/planted.py:10:value_10 = 10\n"
-        "src/planted.py-11-value_11 = 11\nsrc/planted.py:12:value_12 = 12\n"
-        "src/planted.py-13-value_13 = 13\n--\nsrc/planted.py-50-value_50 = 50\n"
+        "src/planted.py-11-value_11 = 11\nsrc/planted.py-12-value_12 = 12\n"
+        "src/planted.py:13:value_13 = 13\nsrc/planted.py-14-value_14 = 14\n--\n"
+        "src/planted.py-50-value_50 = 50\n"
         "src/planted.py:51:value_51 = 51\nsrc/planted.py-52-value_52 = 52\n--\n"
         "src/planted.py-119-value_119 = 119\nsrc/planted.py:120:value_120 = 120\n"},
        {{"search", "-c", "--json", "--sort", "path", "planted"},
