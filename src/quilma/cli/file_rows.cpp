@@ -55,6 +55,12 @@ void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
   }
 }
 
+bool has_table(sqlite::Cursor& cursor, std::string_view name) {
+  return cursor.execute("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = ?", {name})
+      .fetchone()
+      .has_value();
+}
+
 void record_state(sqlite::Cursor& cursor, const std::string& path, const PreparedFile& prepared,
                   std::int64_t run_started_ns) {
   const std::int64_t mtime =

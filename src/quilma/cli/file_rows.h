@@ -31,9 +31,8 @@ struct PreparedFile {
 std::unique_ptr<PreparedFile> prepare_file(const std::filesystem::path& path);
 
 // Writes one indexed file: its row under `id`, its anchor symbol, its chunks, and its mixed
-// words into the tool's list. The digest is
-// of the bytes on disk; the chunks of a file with stray bytes hold U+FFFD for each and are
-// marked inexact.
+// words into the tool's list. The digest is of the bytes on disk; the chunks of a file with
+// stray bytes hold U+FFFD for each and are marked inexact.
 void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
               const PreparedFile& prepared);
 
@@ -44,6 +43,10 @@ void add_file(sqlite::Cursor& cursor, std::int64_t id, const std::string& path,
 inline constexpr std::string_view FILE_STATES_DDL =
     "CREATE TABLE IF NOT EXISTS file_states (path TEXT PRIMARY KEY, size INTEGER NOT NULL, "
     "mtime_ns INTEGER NOT NULL, hash TEXT) WITHOUT ROWID";
+
+// Whether the database on `cursor` has the table `name` (an index made by another program may
+// lack the tool's own).
+bool has_table(sqlite::Cursor& cursor, std::string_view name);
 
 // A modification time that vouches for nothing: the file was changed about when it was read,
 // within the clock's granularity, so the next run reads it again.

@@ -136,10 +136,7 @@ Recorded read_recorded(storage::Database& db) {
       recorded.max_id = std::max(recorded.max_id, id);
       recorded.files.emplace(row[1].as_text(), Recorded::File{id, optional_text(row[2])});
     }
-    recorded.has_states =
-        cursor.execute("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = 'file_states'")
-            .fetchone()
-            .has_value();
+    recorded.has_states = has_table(cursor, "file_states");
     if (!recorded.has_states) return recorded;
     for (const sqlite::Row& row :
          cursor.execute("SELECT path, size, mtime_ns, hash FROM file_states").fetchall()) {

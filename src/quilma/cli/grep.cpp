@@ -17,6 +17,7 @@
 #include <fnmatch.h>
 #include <re2/re2.h>
 
+#include "quilma/cli/file_rows.h"
 #include "quilma/cli/mixed_words.h"
 #include "quilma/cli/search.h"
 #include "quilma/cli/source_file.h"
@@ -156,10 +157,7 @@ std::optional<std::string> literal_query(sqlite::Cursor& cursor, std::string_vie
               "term GLOB ? LIMIT ?",
               {glob, limit})
           .fetchall();
-  if (cursor
-          .execute("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = ?",
-                   {MIXED_WORDS_TABLE})
-          .fetchone()) {
+  if (has_table(cursor, MIXED_WORDS_TABLE)) {
     std::vector<sqlite::Row> listed =
         cursor.execute("SELECT word FROM mixed_words WHERE word GLOB ? LIMIT ?", {glob, limit})
             .fetchall();

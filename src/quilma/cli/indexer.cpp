@@ -496,10 +496,7 @@ IndexReport index_once(const IndexRequest& request, Progress& progress) {
     live.emplace(request.database);
     open_database(*live);
     lists_mixed_words =
-        live->execute("SELECT 1 FROM sqlite_schema WHERE type = 'table' AND name = ?",
-                      {MIXED_WORDS_TABLE})
-            .fetchone()
-            .has_value();
+        live->read([](sqlite::Cursor& cursor) { return has_table(cursor, MIXED_WORDS_TABLE); });
     live->execute(FILE_STATES_DDL);
     live->execute(MIXED_WORDS_DDL);
     recorded = read_recorded(*live);
