@@ -382,6 +382,7 @@ TEST_P(ChangedTreeTest, SearchAnswersAsGitGrepBeforeAndAfterTheUpdate) {
   write(dir / "b.py", python_with("target", 10));
   write(dir / "c.md", "target\n");
   write(dir / "d.bin", std::string("target\0", 7));  // left out
+  fs::create_symlink("c.md", dir / "e.lnk");         // tracked, and no file of the index
   ASSERT_EQ(shell(git + "init -q && " + git + "add -A"), "0 ");
   ASSERT_EQ(quilma_db({"index", "-q", dir.path().string()}).told, "0 ");
   ASSERT_EQ(shell("cd " + dir.path().string() + " && " + GetParam().command), "0 ");

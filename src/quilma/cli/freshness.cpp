@@ -148,9 +148,22 @@ Recorded read_recorded(storage::Database& db) {
 }
 
 Changes find_changes(const Recorded& recorded, const fs::path& repo,
-                     const std::vector<std::string>& listed) {
+                     std::vector<std::string> listed) {
   Changes changes;
-  const std::vector<std::optional<FileStat>> stats = stat_all(repo, listed);
+  std::vector<std::optional<FileStat>> stats = stat_all(repo, listed);
+  if (std::find(stats.begin(), stats.end(), std::nullopt) != stats.end()) {
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < listed.size(); ++i) {
+      if (!stats[i]) continue;
+      if (kept != i) {
+        listed[kept] = std::move(listed[i]);
+        stats[kept] = stats[i];
+      }
+      ++kept;
+    }
+    listed.resize(kept);
+    stats.resize(kept);
+  }
   std::size_t met_files = 0;
   std::size_t met_states = 0;
   for (std::size_t i = 0; i < listed.size(); ++i) {
@@ -199,7 +212,8 @@ std::optional<Changes> changed_since_index(storage::Database& db) {
   if (!fs::is_directory(repo, missing)) return std::nullopt;
   const Recorded recorded = read_recorded(db);
   if (!recorded.has_states) return std::nullopt;
-  return find_changes(recorded, repo, list_repo_files(repo, db.db_path()).paths);
+  // The listing's own check of each path's type would stat every file twice.
+  return find_changes(recorded, repo, std::move(list_repo_files(repo, db.db_path(), false).paths));
 }
 
 std::optional<Changes> changed_since_index(storage::Database& db, std::ostream& err, bool quiet) {

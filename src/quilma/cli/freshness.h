@@ -61,9 +61,9 @@ struct Changes {
 // Compares the files `listed` (sorted) in `repo` with what the index recorded. A known file is
 // unchanged when its state row shows the size and time the file system shows now and the
 // digest `files` holds; any other is `modified` (its content may still be the same: only
-// reading it tells).
+// reading it tells). A listed path that is not a regular file now counts as not listed.
 Changes find_changes(const Recorded& recorded, const std::filesystem::path& repo,
-                     const std::vector<std::string>& listed);
+                     std::vector<std::string> listed);
 
 // The files changed since the index of `db` was brought up to date; std::nullopt when the
 // index records no repository or no file states (an index built by an older release), or

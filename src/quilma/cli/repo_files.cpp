@@ -87,7 +87,7 @@ std::vector<std::string> walk(const fs::path& repo) {
 
 }  // namespace
 
-RepoFiles list_repo_files(const fs::path& repo, const fs::path& database) {
+RepoFiles list_repo_files(const fs::path& repo, const fs::path& database, bool check_types) {
   RepoFiles files;
   // Only the top of a work tree: a directory inside one (a generated tree under an ignored
   // build directory, say) is walked, since git would list none of its ignored files.
@@ -103,7 +103,7 @@ RepoFiles list_repo_files(const fs::path& repo, const fs::path& database) {
       rest.remove_prefix(std::min(end + 1, rest.size()));
       // git also lists symbolic links, submodules, and tracked files deleted since.
       std::error_code error;
-      if (fs::symlink_status(repo / path, error).type() == fs::file_type::regular) {
+      if (!check_types || fs::symlink_status(repo / path, error).type() == fs::file_type::regular) {
         files.paths.push_back(path);
       }
     }

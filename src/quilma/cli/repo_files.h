@@ -17,7 +17,9 @@ struct RepoFiles {
 // not ignore. Elsewhere, or when git fails: a walk
 // that skips hidden directories, a top-level "memory" directory, and build output. Either way,
 // symbolic links, and the files whose path begins with `database` (the index itself, its log,
-// its staging copies), are left out.
-RepoFiles list_repo_files(const std::filesystem::path& repo, const std::filesystem::path& database);
+// its staging copies), are left out. With `check_types` false, the paths git lists are taken as
+// they are (links, submodules and deleted files among them), for a caller that stats them anyway.
+RepoFiles list_repo_files(const std::filesystem::path& repo, const std::filesystem::path& database,
+                          bool check_types = true);
 
 }  // namespace quilma::cli
