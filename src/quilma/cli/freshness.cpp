@@ -18,6 +18,7 @@
 
 #include "quilma/cli/file_rows.h"
 #include "quilma/cli/indexer.h"
+#include "quilma/cli/mixed_words.h"
 #include "quilma/cli/repo_files.h"
 #include "quilma/sqlite/error.h"
 
@@ -95,6 +96,7 @@ SearchResult search_directly(const fs::path& repo, const std::vector<std::string
   const TemporaryDatabase file;
   storage::Database db(file.path());
   open_database(db);
+  db.execute(MIXED_WORDS_DDL);  // add_file() lists the files' mixed words
   db.transaction([&](sqlite::Cursor& cursor) {
     std::int64_t id = 0;
     for (const std::string& path : paths) {
