@@ -23,6 +23,7 @@
 
 #include "quilma/cli/indexer.h"
 #include "quilma/cli/source_file.h"
+#include "quilma/storage/core_schema.h"
 #include "quilma/storage/database.h"
 #include "quilma/utils/utf8.h"
 
@@ -421,6 +422,43 @@ INSTANTIATE_TEST_SUITE_P(
                    "0 added, 1 updated, 0 removed, 3 unchanged; 2 left out, 0 with bytes that "
                    "are not UTF-8"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// Another program (the service's daemon) may rewrite a file's rows without the tool's record of
+// the file's state. Only a state that shows the file's size, time and indexed digest vouches for
+// the index's text; the search reads any other file from disk.
+TEST(FreshnessTest, OnlyARecordedStateVouchesForTheIndexedText) {
+  testing::TempDir dir;
+  for (const char* name : {"a.py", "b.py", "c.py", "d.py"}) write(dir / name, "onDisk = 1\n");
+  // Old enough for their times to vouch for them.
+  ASSERT_EQ(shell("touch -d @1600000000 " + dir.path().string() + "/*.py"), "0 ");
+  ASSERT_EQ(quilma_db({"index", "-q", dir.path().string()}).told, "0 ");
+  {
+    storage::Database db(dir / "memory/codebase-index/index.db");
+    db.connect();
+    db.transaction([](sqlite::Cursor& cursor) {
+      // a.py rewritten under a new digest, b.py's state gone, c.py's text changed alone, d.py
+      // taken out of the index.
+      cursor.execute("UPDATE files SET hash = 'other' WHERE path = 'a.py'");
+      cursor.execute("DELETE FROM file_states WHERE path = 'b.py'");
+      cursor.execute("DELETE FROM files WHERE path = 'd.py'");
+      cursor.execute(
+          "UPDATE code_chunks SET text = 'inIndex = 1' WHERE rowid IN (SELECT c.rowid FROM "
+          "code_chunks AS c JOIN files AS f ON c.rowid / ? = f.id)",
+          {storage::core_schema::CHUNKS_PER_FILE});
+    });
+    db.close();
+  }
+  const auto search = [&](const Args& flags) {
+    Args args{"search", "-w", "--all"};
+    args.insert(args.end(), flags.begin(), flags.end());
+    args.push_back(dir.path().string());
+    return quilma_db(args).out;
+  };
+  EXPECT_EQ(search({"inIndex"}), "c.py:1:inIndex = 1\n");
+  EXPECT_EQ(search({"onDisk"}), "a.py:1:onDisk = 1\nb.py:1:onDisk = 1\nd.py:1:onDisk = 1\n");
+  EXPECT_EQ(search({"--as-indexed", "inIndex"}),
+            "a.py:1:inIndex = 1\nb.py:1:inIndex = 1\nc.py:1:inIndex = 1\n");
+}
 
 // A repository made to be hard on a word index, searched as git grep searches it: non-ASCII
 // letters and symbols on either side of a match, CRLF, tabs, a long line, a file over the

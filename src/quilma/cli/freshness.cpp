@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <set>
+#include <future>
 #include <system_error>
 #include <thread>
 #include <unordered_set>
@@ -39,26 +39,69 @@ std::optional<FileStat> stat_regular(const std::string& path) {
       .mtime_ns = std::int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec};
 }
 
-std::vector<std::optional<FileStat>> stat_all(const fs::path& repo,
-                                              const std::vector<std::string>& paths) {
-  std::vector<std::optional<FileStat>> stats(paths.size());
+// The state of each of `count` paths of `repo`, `path(i)` the i-th, looked at on two threads
+// when there are many.
+template <typename PathOf>
+std::vector<std::optional<FileStat>> stat_all(const fs::path& repo, std::size_t count,
+                                              const PathOf& path_of) {
+  std::vector<std::optional<FileStat>> stats(count);
   const std::string root = repo.string() + "/";
   const auto stat_range = [&](std::size_t begin, std::size_t end) {
     std::string path = root;
     for (std::size_t i = begin; i < end; ++i) {
       path.resize(root.size());
-      path += paths[i];
+      path += path_of(i);
       stats[i] = stat_regular(path);
     }
   };
-  if (paths.size() < PARALLEL_STATS) {
-    stat_range(0, paths.size());
+  if (count < PARALLEL_STATS) {
+    stat_range(0, count);
   } else {
-    const std::size_t half = paths.size() / 2;
-    std::jthread other(stat_range, half, paths.size());
+    const std::size_t half = count / 2;
+    std::jthread other(stat_range, half, count);
     stat_range(0, half);
   }
   return stats;
+}
+
+std::vector<std::optional<FileStat>> stat_known(const fs::path& repo,
+                                                const std::vector<Known>& known) {
+  return stat_all(repo, known.size(),
+                  [&](std::size_t i) -> const std::string& { return known[i].path; });
+}
+
+// Compares `listed` with `known`, given each known file's state now (`now`, as stat_known()
+// tells it).
+Changes compare(const std::vector<Known>& known, const std::vector<std::optional<FileStat>>& now,
+                const fs::path& repo, const std::vector<std::string>& listed) {
+  Changes changes;
+  std::vector<std::string> unknown;  // listed, and not known
+  std::size_t k = 0;
+  for (const std::string& path : listed) {
+    for (; k < known.size() && known[k].path < path; ++k) changes.removed.push_back(known[k].path);
+    if (k == known.size() || known[k].path != path) {
+      unknown.push_back(path);
+      continue;
+    }
+    const Known& file = known[k];
+    const std::optional<FileStat>& stat = now[k++];
+    if (!stat) {
+      changes.removed.push_back(path);  // not a regular file any more
+    } else if (file.stat == stat && file.same_hash) {
+      ++changes.unchanged;
+    } else {
+      changes.modified.push_back(path);
+      changes.unsure +=
+          file.stat && file.stat->mtime_ns == UNTRUSTED_MTIME && file.stat->size == stat->size;
+    }
+  }
+  for (; k < known.size(); ++k) changes.removed.push_back(known[k].path);
+  const std::vector<std::optional<FileStat>> stats = stat_all(
+      repo, unknown.size(), [&](std::size_t i) -> const std::string& { return unknown[i]; });
+  for (std::size_t i = 0; i < unknown.size(); ++i) {
+    if (stats[i]) changes.added.push_back(std::move(unknown[i]));
+  }
+  return changes;
 }
 
 std::optional<std::string> optional_text(const sqlite::Value& value) {
@@ -130,6 +173,53 @@ SearchResult search_index_without(storage::Database& db, SearchRequest request,
 
 }  // namespace
 
+bool Recorded::knows(const std::string& path) const {
+  const auto at =
+      std::lower_bound(known.begin(), known.end(), path,
+                       [](const Known& file, const std::string& p) { return file.path < p; });
+  return at != known.end() && at->path == path;
+}
+
+bool Recorded::has_state_rows() const {
+  return std::any_of(known.begin(), known.end(),
+                     [](const Known& file) { return file.stat.has_value(); });
+}
+
+std::vector<Known> read_known(sqlite::Cursor& cursor) {
+  // Both tables in path order, walked side by side: cheaper than a join, which looks up every
+  // path in the other table.
+  std::vector<Known> known;
+  std::vector<std::optional<std::string>> state_hashes;
+  cursor.execute("SELECT path, size, mtime_ns, hash FROM file_states ORDER BY path");
+  while (const std::optional<sqlite::Row> row = cursor.fetchone()) {
+    known.push_back(Known{.path = (*row)[0].as_text(),
+                          .stat = FileStat{(*row)[1].as_int(), (*row)[2].as_int()}});
+    state_hashes.push_back(optional_text((*row)[3]));
+  }
+  // Indexed files without a state row: none, unless an older release or another program wrote
+  // the index.
+  const std::size_t with_states = known.size();
+  std::size_t k = 0;
+  cursor.execute("SELECT path, hash FROM files ORDER BY path");
+  while (const std::optional<sqlite::Row> row = cursor.fetchone()) {
+    const std::string& path = (*row)[0].as_text();
+    while (k < with_states && known[k].path < path) ++k;
+    if (k < with_states && known[k].path == path) {
+      known[k].in_files = true;
+      known[k].same_hash = state_hashes[k] == optional_text((*row)[1]);
+    } else {
+      known.push_back(Known{.path = path, .stat = std::nullopt, .in_files = true});
+    }
+  }
+  for (std::size_t i = 0; i < with_states; ++i) {
+    if (!known[i].in_files) known[i].same_hash = !state_hashes[i];
+  }
+  const auto by_path = [](const Known& a, const Known& b) { return a.path < b.path; };
+  std::inplace_merge(known.begin(), known.begin() + static_cast<std::ptrdiff_t>(with_states),
+                     known.end(), by_path);
+  return known;
+}
+
 Recorded read_recorded(storage::Database& db) {
   return db.read([](sqlite::Cursor& cursor) {
     Recorded recorded;
@@ -139,70 +229,14 @@ Recorded read_recorded(storage::Database& db) {
       recorded.files.emplace(row[1].as_text(), Recorded::File{id, optional_text(row[2])});
     }
     recorded.has_states = has_table(cursor, "file_states");
-    if (!recorded.has_states) return recorded;
-    for (const sqlite::Row& row :
-         cursor.execute("SELECT path, size, mtime_ns, hash FROM file_states").fetchall()) {
-      recorded.states.emplace(row[0].as_text(), Recorded::State{{row[1].as_int(), row[2].as_int()},
-                                                                optional_text(row[3])});
-    }
+    if (recorded.has_states) recorded.known = read_known(cursor);
     return recorded;
   });
 }
 
-Changes find_changes(const Recorded& recorded, const fs::path& repo,
-                     std::vector<std::string> listed) {
-  Changes changes;
-  std::vector<std::optional<FileStat>> stats = stat_all(repo, listed);
-  if (std::find(stats.begin(), stats.end(), std::nullopt) != stats.end()) {
-    std::size_t kept = 0;
-    for (std::size_t i = 0; i < listed.size(); ++i) {
-      if (!stats[i]) continue;
-      if (kept != i) {
-        listed[kept] = std::move(listed[i]);
-        stats[kept] = stats[i];
-      }
-      ++kept;
-    }
-    listed.resize(kept);
-    stats.resize(kept);
-  }
-  std::size_t met_files = 0;
-  std::size_t met_states = 0;
-  for (std::size_t i = 0; i < listed.size(); ++i) {
-    const std::string& path = listed[i];
-    const auto state = recorded.states.find(path);
-    const auto file = recorded.files.find(path);
-    met_states += state != recorded.states.end();
-    met_files += file != recorded.files.end();
-    if (state == recorded.states.end() && file == recorded.files.end()) {
-      changes.added.push_back(path);
-      continue;
-    }
-    const bool vouched =
-        state != recorded.states.end() && stats[i] && state->second.stat == *stats[i] &&
-        state->second.hash == (file == recorded.files.end() ? std::nullopt : file->second.hash);
-    if (vouched) {
-      ++changes.unchanged;
-    } else {
-      changes.modified.push_back(path);
-      changes.unsure += state != recorded.states.end() && stats[i] &&
-                        state->second.stat.mtime_ns == UNTRUSTED_MTIME &&
-                        state->second.stat.size == stats[i]->size;
-    }
-  }
-  // Every known path that is still listed was met above: only when fewer were met than are
-  // known is any of them gone.
-  if (met_files == recorded.files.size() && met_states == recorded.states.size()) return changes;
-  const auto unlisted = [&](const std::string& path) {
-    return !std::binary_search(listed.begin(), listed.end(), path);
-  };
-  std::set<std::string> removed;
-  for (const auto& [path, file] : recorded.files)
-    if (unlisted(path)) removed.insert(path);
-  for (const auto& [path, state] : recorded.states)
-    if (unlisted(path)) removed.insert(path);
-  changes.removed.assign(removed.begin(), removed.end());
-  return changes;
+Changes find_changes(const std::vector<Known>& known, const fs::path& repo,
+                     const std::vector<std::string>& listed) {
+  return compare(known, stat_known(repo, known), repo, listed);
 }
 
 std::optional<Changes> changed_since_index(storage::Database& db) {
@@ -212,10 +246,18 @@ std::optional<Changes> changed_since_index(storage::Database& db) {
   const fs::path repo = (*row)[0].as_text();
   std::error_code missing;
   if (!fs::is_directory(repo, missing)) return std::nullopt;
-  const Recorded recorded = read_recorded(db);
-  if (!recorded.has_states) return std::nullopt;
-  // The listing's own check of each path's type would stat every file twice.
-  return find_changes(recorded, repo, std::move(list_repo_files(repo, db.db_path(), false).paths));
+  // The listing (git's, most often: a process of its own) goes on while the files the index
+  // knows are looked at. Its own check of each path's type would stat every file twice.
+  std::future<RepoFiles> listing = std::async(
+      std::launch::async, [repo, own = db.db_path()] { return list_repo_files(repo, own, false); });
+  const std::optional<std::vector<Known>> known = db.read([](sqlite::Cursor& cursor) {
+    return has_table(cursor, "file_states") ? std::optional(read_known(cursor)) : std::nullopt;
+  });
+  const std::vector<std::optional<FileStat>> now =
+      known ? stat_known(repo, *known) : std::vector<std::optional<FileStat>>();
+  const RepoFiles listed = listing.get();
+  if (!known) return std::nullopt;
+  return compare(*known, now, repo, listed.paths);
 }
 
 std::optional<Changes> changed_since_index(storage::Database& db, std::ostream& err, bool quiet) {

@@ -28,24 +28,35 @@ struct FileStat {
   bool operator==(const FileStat&) const = default;
 };
 
+// A path the index knows, as `files` and `file_states` record it.
+struct Known {
+  std::string path;
+  std::optional<FileStat> stat;  // as its state row recorded it; none without one
+  bool in_files = false;         // `files` holds it: its text is indexed
+  bool same_hash = false;        // the state's digest is the one `files` holds (none for none)
+};
+
 // What the index records of the repository's files.
 struct Recorded {
   struct File {
     std::int64_t id = 0;
     std::optional<std::string> hash;
   };
-  struct State {
-    FileStat stat;
-    std::optional<std::string> hash;  // what the file was indexed with; none when left out
-  };
-  std::unordered_map<std::string, File> files;    // `files`, by path
-  std::unordered_map<std::string, State> states;  // `file_states`, by path
-  bool has_states = false;                        // the index has `file_states` at all
-  std::int64_t max_id = 0;                        // the largest file id
+  std::unordered_map<std::string, File> files;  // `files`, by path
+  std::vector<Known> known;                     // every path of `files` and `file_states`, sorted
+  bool has_states = false;                      // the index has `file_states` at all
+  std::int64_t max_id = 0;                      // the largest file id
+
+  bool knows(const std::string& path) const;  // `known` holds `path`
+  bool has_state_rows() const;                // any file state is recorded
 };
 
 // Reads `files` and `file_states` in one snapshot.
 Recorded read_recorded(storage::Database& db);
+
+// Every path of `files` and `file_states` in path order, read on `cursor`, which must be able to
+// read `file_states`.
+std::vector<Known> read_known(sqlite::Cursor& cursor);
 
 struct Changes {
   std::vector<std::string> added;     // listed, and unknown to the index
@@ -58,12 +69,12 @@ struct Changes {
   std::size_t count() const { return added.size() + modified.size() + removed.size(); }
 };
 
-// Compares the files `listed` (sorted) in `repo` with what the index recorded. A known file is
-// unchanged when its state row shows the size and time the file system shows now and the
-// digest `files` holds; any other is `modified` (its content may still be the same: only
+// Compares the files `listed` (sorted) in `repo` with what the index knows (sorted). A known
+// file is unchanged when its state row shows the size and time the file system shows now and
+// the digest `files` holds; any other is `modified` (its content may still be the same: only
 // reading it tells). A listed path that is not a regular file now counts as not listed.
-Changes find_changes(const Recorded& recorded, const std::filesystem::path& repo,
-                     std::vector<std::string> listed);
+Changes find_changes(const std::vector<Known>& known, const std::filesystem::path& repo,
+                     const std::vector<std::string>& listed);
 
 // The files changed since the index of `db` was brought up to date; std::nullopt when the
 // index records no repository or no file states (an index built by an older release), or

@@ -312,7 +312,7 @@ void update_index(storage::Database& live, const IndexRequest& request, const Re
         report.bytes += prepared->file.content.size();
         ++report.read;
         const auto old = recorded.files.find(path);
-        const bool known = old != recorded.files.end() || recorded.states.contains(path);
+        const bool known = old != recorded.files.end() || recorded.knows(path);
         if (old != recorded.files.end() ? prepared->indexed() && old->second.hash == prepared->hash
                                         : known && left_out_as_before(cursor, path, *prepared)) {
           record_state(cursor, path, *prepared, run_started_ns);  // touched, not changed
@@ -529,13 +529,13 @@ IndexReport index_once(const IndexRequest& request, Progress& progress) {
   std::optional<Changes> changes;
   if (request.full) {
     report.full_reason = "asked for with --full";
-  } else if (recorded->files.empty() && recorded->states.empty()) {
+  } else if (recorded->known.empty()) {
     report.full_reason = report.moved_aside ? "the index was damaged" : "no index yet";
   } else if (!lists_mixed_words) {
     // Its texts' words would be missing from the list, and -w searches miss them.
     report.full_reason = "the index does not list its mixed-script words yet";
   } else {
-    changes = find_changes(*recorded, request.repo, listed.paths);
+    changes = find_changes(recorded->known, request.repo, listed.paths);
     const double limit = std::max(FULL_REBUILD_SHARE * static_cast<double>(listed.paths.size()),
                                   static_cast<double>(FULL_REBUILD_MIN_FILES));
     // Files written about when the last run read them are read again, but mostly found as
@@ -545,7 +545,7 @@ IndexReport index_once(const IndexRequest& request, Progress& progress) {
           recorded->files.begin(), recorded->files.end(),
           [](const auto& file) { return file.second.hash == storage::REINDEX_SENTINEL_HASH; });
       report.full_reason =
-          recorded->states.empty()
+          !recorded->has_state_rows()
               ? std::string("the index records no file states yet")
               : fmt::format("{} files added, changed or removed of {}{}", changes->count(),
                             listed.paths.size(),
