@@ -458,6 +458,13 @@ TEST(FreshnessTest, OnlyARecordedStateVouchesForTheIndexedText) {
   EXPECT_EQ(search({"onDisk"}), "a.py:1:onDisk = 1\nb.py:1:onDisk = 1\nd.py:1:onDisk = 1\n");
   EXPECT_EQ(search({"--as-indexed", "inIndex"}),
             "a.py:1:inIndex = 1\nb.py:1:inIndex = 1\nc.py:1:inIndex = 1\n");
+  // An update reads again the files whose state does not vouch for them. b.py's digest shows
+  // that the index holds it as it is (only its state was lost): its rows stay.
+  const Result update = quilma_db({"index", dir.path().string()});
+  EXPECT_NE(update.out.find("0 added, 2 updated, 0 removed, 2 unchanged"), std::string::npos)
+      << update.out;
+  EXPECT_EQ(search({"--as-indexed", "onDisk"}), "a.py:1:onDisk = 1\nd.py:1:onDisk = 1\n");
+  EXPECT_EQ(search({"inIndex"}), "b.py:1:inIndex = 1\nc.py:1:inIndex = 1\n");
 }
 
 // A repository made to be hard on a word index, searched as git grep searches it: non-ASCII
