@@ -330,6 +330,24 @@ TEST_F(IndexedRepoTest, AnIndexThatCannotBeWrittenIsSearched) {
   EXPECT_EQ(shell("cat " + (index_ / "index.db").string()), before);
 }
 
+// The program tells a terminal from a pipe: on a terminal, matches in colour and one status line
+// that updates itself; into a pipe, plain text and whole lines.
+TEST_F(IndexedRepoTest, TheProgramColoursAndRewritesItsStatusOnlyOnATerminal) {
+  const std::string program = std::string("env -u NO_COLOR ") + QUILMA_DB_EXECUTABLE;
+  const std::string search = program + " search -w plantedIdentifier " + repo_.string();
+  const std::string index = program + " index --full " + repo_.string();
+  EXPECT_EQ(shell(search), "0 " + PLANTED);
+  const std::string piped = shell(index + " 2>&1 >/dev/null");
+  EXPECT_NE(piped.find("\nindexing: "), std::string::npos) << piped;
+  EXPECT_EQ(piped.find('\r'), std::string::npos) << piped;
+  // script(1) runs a command on a terminal of its own, where one can be made.
+  if (shell("script -qec true /dev/null") != "0 ") return;
+  EXPECT_NE(shell("script -qec '" + search + "' /dev/null").find("\033[1;31mplantedIdentifier"),
+            std::string::npos);
+  EXPECT_NE(shell("script -qec '" + index + " >/dev/null' /dev/null").find("\r\033[Kindexing: "),
+            std::string::npos);
+}
+
 TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
   const spdlog::level::level_enum level = storage::database_logger()->level();
   const std::string repo = repo_.string();
