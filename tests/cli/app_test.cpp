@@ -14,8 +14,10 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <spawn.h>
 #include <spdlog/logger.h>
 #include <sys/file.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/fault_vfs.h"
@@ -346,6 +348,37 @@ TEST_F(IndexedRepoTest, TheProgramColoursAndRewritesItsStatusOnlyOnATerminal) {
             std::string::npos);
   EXPECT_NE(shell("script -qec '" + index + " >/dev/null' /dev/null").find("\r\033[Kindexing: "),
             std::string::npos);
+}
+
+// A closed terminal (SIGHUP) stops a run of the program as cleanly as Ctrl-C does.
+TEST(ProgramTest, AClosedTerminalStopsABuildCleanly) {
+  testing::TempDir dir;
+  for (int i = 0; i < 1000; ++i) write(dir / fmt::format("f{}.py", i), python_with("word", 1));
+  int pipe_fds[2];
+  ASSERT_EQ(::pipe(pipe_fds), 0);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDERR_FILENO);
+  posix_spawn_file_actions_addclose(&actions, pipe_fds[0]);
+  const std::string repo = dir.path().string();
+  const char* argv[] = {QUILMA_DB_EXECUTABLE, "index", repo.c_str(), nullptr};
+  pid_t pid = 0;
+  ASSERT_EQ(
+      ::posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ), 0);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(pipe_fds[1]);
+  std::string err;
+  char c = 0;
+  // Its first line (what it lists) comes after its handlers are in place, before the build.
+  while (::read(pipe_fds[0], &c, 1) == 1 && (err += c, c != '\n')) {
+  }
+  ::kill(pid, SIGHUP);
+  while (::read(pipe_fds[0], &c, 1) == 1) err += c;
+  ::close(pipe_fds[0]);
+  int status = 0;
+  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << status << " " << err;
+  EXPECT_NE(err.find("index: interrupted; the index was left as it was"), std::string::npos) << err;
 }
 
 TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
