@@ -246,6 +246,13 @@ TEST_F(IndexedRepoTest, JsonAndPlainAnswersAndCheckNamesWhatIsDamaged) {
                 .out.find("full build (the index does not list its "
                           "mixed-script words yet)"),
             std::string::npos);
+  // A file that does not even open as a database is moved aside as well, no search before.
+  std::fstream(file, std::ios::in | std::ios::out | std::ios::binary).write("Not SQLite", 10);
+  const Result unreadable = in_repo({"index", "-q"});
+  EXPECT_TRUE(unreadable.told.starts_with("0 quilma-db: index: " + file.string() +
+                                          " was damaged (file is not a database)"))
+      << unreadable.told;
+  expect_outputs({{{"search", "plantedIdentifier"}, PLANTED}});
 }
 
 TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
