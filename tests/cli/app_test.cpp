@@ -279,6 +279,10 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
         "src/planted.py-50-value_50 = 50\n"
         "src/planted.py:51:value_51 = 51\nsrc/planted.py-52-value_52 = 52\n--\n"
         "src/planted.py-119-value_119 = 119\nsrc/planted.py:120:value_120 = 120\n"},
+       // The limit's last match keeps its context after it, and no line further on.
+       {{"search", "-w", "-C", "1", "--limit", "1", "-e", "value_10", "-e", "value_13"},
+        "src/planted.py-9-value_9 = 9\nsrc/planted.py:10:value_10 = 10\n"
+        "src/planted.py-11-value_11 = 11\n"},
        {{"search", "-c", "--json", "--sort", "path", "planted"},
         "{\"path\":\"docs/readme.md\",\"count\":1}\n{\"path\":\"src/more.py\",\"count\":1}\n"}});
   // A long line is printed whole, and JSON offsets point into it.

@@ -184,8 +184,12 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
       return true;
     }
     std::int64_t previous = -1;
+    std::int64_t last_match = 0;
     for (const GrepLine& line : file.lines) {
-      if (limit && printed >= *limit && !line.matches.empty()) {
+      // Past the limit only the context after the last match shown is printed, as with grep -m;
+      // a line further on leads to a match that is not shown.
+      if (limit && printed >= *limit &&
+          (!line.matches.empty() || line.number > last_match + request.context)) {
         cut = true;
         return false;
       }
@@ -203,7 +207,10 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
       }
       first_group = false;
       previous = line.number;
-      if (!line.matches.empty()) ++printed;
+      if (!line.matches.empty()) {
+        ++printed;
+        last_match = line.number;
+      }
     }
     if (command.io().out_is_terminal) command.io().out.flush();
     return true;
