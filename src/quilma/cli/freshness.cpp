@@ -137,7 +137,7 @@ class TemporaryDatabase {
 SearchResult search_directly(const fs::path& repo, const std::vector<std::string>& paths,
                              const SearchRequest& request) {
   const TemporaryDatabase file;
-  storage::Database db(file.path());
+  storage::Database db(file.path());  // closed as it goes, before the file is removed
   open_database(db);
   db.execute(MIXED_WORDS_DDL);  // add_file() lists the files' mixed words
   db.transaction([&](sqlite::Cursor& cursor) {
@@ -147,9 +147,7 @@ SearchResult search_directly(const fs::path& repo, const std::vector<std::string
       if (prepared->indexed()) add_file(cursor, ++id, path, *prepared);
     }
   });
-  SearchResult result = search(db, request);
-  db.close();
-  return result;
+  return search(db, request);
 }
 
 // The index's answer without the lines of `stale` files (paths relative to the repository), as

@@ -370,11 +370,10 @@ Compaction Database::skip_compaction(const std::string& kind, const std::string&
 
 Compaction Database::skip_compaction(const std::string& kind, const std::string& reason,
                                      spdlog::level::level_enum level, bool with_error) {
-  bool first = false;
-  {
+  const bool first = [&] {
     const std::lock_guard hold(compaction_noted_mutex_);
-    first = compaction_noted_.insert(kind).second;
-  }
+    return compaction_noted_.insert(kind).second;
+  }();
   // A reason that holds pass after pass is reported once at its own level.
   const spdlog::level::level_enum at = first ? level : spdlog::level::debug;
   if (with_error) {
