@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -25,6 +26,32 @@ TEST(LogTest, ValuesFormatsAndErrorsRenderAsAPythonCallerWouldWriteThem) {
       {"\xc3\xa9\xc2\x85\xe2\x80\x8b\xff\xf3\xb0\x80\x81", R"('é\x85\u200b\xff\U000f0001')"},
   };
   for (const auto& [text, shown] : reprs) EXPECT_EQ(repr(text), shown);
+  // Each end of each range that is escaped, and a printable character beside it.
+  const auto utf8 = [](char32_t code) {
+    std::string text;
+    if (code < 0x800) {
+      text = {static_cast<char>(0xC0 | code >> 6), static_cast<char>(0x80 | (code & 0x3F))};
+    } else if (code < 0x10000) {
+      text = {static_cast<char>(0xE0 | code >> 12), static_cast<char>(0x80 | (code >> 6 & 0x3F)),
+              static_cast<char>(0x80 | (code & 0x3F))};
+    } else {
+      text = {static_cast<char>(0xF0 | code >> 18), static_cast<char>(0x80 | (code >> 12 & 0x3F)),
+              static_cast<char>(0x80 | (code >> 6 & 0x3F)),
+              static_cast<char>(0x80 | (code & 0x3F))};
+    }
+    return text;
+  };
+  for (const char32_t code : {0xA0, 0xAD, 0x2000, 0x200F, 0x2028, 0x202F, 0x205F, 0x206F, 0x3000,
+                              0xE000, 0xF8FF, 0xFEFF, 0xFFF9, 0xFFFB, 0xF0000}) {
+    const std::string escaped = code <= 0xFF     ? fmt::format("\\x{:02x}", +code)
+                                : code <= 0xFFFF ? fmt::format("\\u{:04x}", +code)
+                                                 : fmt::format("\\U{:08x}", +code);
+    EXPECT_EQ(repr(utf8(code)), "'" + escaped + "'") << +code;
+  }
+  for (const char32_t code : {0xA1, 0xAC, 0xAE, 0x1FFE, 0x2010, 0x2027, 0x2030, 0x205E, 0x2070,
+                              0x3001, 0xF900, 0xFEFC, 0xFFFC}) {
+    EXPECT_EQ(repr(utf8(code)), "'" + utf8(code) + "'") << +code;
+  }
 
   EXPECT_EQ(printf_format("%r of %d: 100%% done at 5%"), "%s of %d: 100%% done at 5%");
 
