@@ -266,7 +266,9 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
       {{{"search", "-w", "-s", "--sort", "path", "plantedIdentifier"},
         "src/more.py:3:# plantedIdentifier\n" + PLANTED},
        {{"search", "-l", "--sort", "path", "planted"}, "docs/readme.md\nsrc/more.py\n"},
-       // A pathspec's '*' crosses '/', as git's does.
+       // A pathspec names a directory, or has a '*' that crosses '/', as git's do.
+       {{"search", "-w", "-s", "--path", "src", "plantedIdentifier"},
+        "src/more.py:3:# plantedIdentifier\n" + PLANTED},
        {{"search", "-c", "--path", "*.py", "--sort", "path", "value_1*"}, "src/planted.py:32\n"},
        // Every line of a match that spans lines.
        {{"search", "\"beta gamma\""}, "words.txt:1:alpha beta\nwords.txt:2:gamma delta\n"},
