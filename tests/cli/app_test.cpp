@@ -159,8 +159,9 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
   // Staging files of runs that did not end are removed; one that a run still holds is not, nor
   // a file of that name that this tool did not make.
   for (const std::string name : {"dead01", "dead01-wal", "live01", "mine01", "dead01.txt"})
-    write(index_ / ("index.db.staging-" + name),
-          name.starts_with("dead01") ? std::string("SQLite format 3\0", 16) : "x");
+    write(index_ / ("index.db.staging-" + name), name.starts_with("dead01")
+                                                     ? std::string("SQLite format 3\0", 16)
+                                                     : "a file of its own, no database");
   const int live = ::open((index_ / "index.db.staging-live01").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::flock(live, LOCK_EX), 0);
   const Result indexed = in_repo({"index", "--json"});
