@@ -11,6 +11,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <span>
 #include <thread>
 
 #include <fmt/format.h>
@@ -377,19 +378,41 @@ struct Candidate {
   std::int64_t id = 0;  // 0 for a file read from disk
 };
 
-// The text of the file with id `id`, from its chunks.
-std::string indexed_text(sqlite::Cursor& cursor, std::int64_t id) {
+// The texts of the indexed files among `files` (those with an id), from their chunks, into
+// `texts` (one for each of `files`). Files whose ids lie close together, as a full build numbers
+// them in path order, are read with one statement; others with one each.
+void read_indexed(sqlite::Cursor& cursor, std::span<const Candidate> files,
+                  std::vector<std::string>& texts) {
   using storage::core_schema::chunk_rowid;
-  std::string text;
-  for (const sqlite::Row& row :
-       cursor
-           .execute("SELECT text FROM code_chunks WHERE rowid >= ? AND rowid < ? ORDER BY rowid",
-                    {chunk_rowid(id, 0), chunk_rowid(id + 1, 0)})
-           .fetchall()) {
+  using storage::core_schema::CHUNKS_PER_FILE;
+  const auto append = [](std::string& text, std::string_view chunk) {
     if (!text.empty()) text += '\n';
-    text += row[0].as_text();
+    text += chunk;
+  };
+  std::map<std::int64_t, std::size_t> at;  // file id -> index in `files`
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (files[i].id != 0) at.emplace(files[i].id, i);
   }
-  return text;
+  if (at.empty()) return;
+  const std::int64_t low = at.begin()->first;
+  const std::int64_t high = at.rbegin()->first;
+  if (std::cmp_less_equal(high - low, 2 * at.size())) {
+    cursor.execute(
+        "SELECT rowid, text FROM code_chunks WHERE rowid >= ? AND rowid < ? ORDER BY rowid",
+        {chunk_rowid(low, 0), chunk_rowid(high + 1, 0)});
+    while (const std::optional<sqlite::Row> row = cursor.fetchone()) {
+      const auto file = at.find((*row)[0].as_int() / CHUNKS_PER_FILE);
+      if (file != at.end()) append(texts[file->second], (*row)[1].text_view());
+    }
+    return;
+  }
+  for (const auto& [id, index] : at) {
+    cursor.execute("SELECT text FROM code_chunks WHERE rowid >= ? AND rowid < ? ORDER BY rowid",
+                   {chunk_rowid(id, 0), chunk_rowid(id + 1, 0)});
+    while (const std::optional<sqlite::Row> row = cursor.fetchone()) {
+      append(texts[index], (*row)[0].text_view());
+    }
+  }
 }
 
 // The text of a file read from disk; empty when it is binary as git takes it (a NUL among its
@@ -568,9 +591,7 @@ std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
         const std::size_t last = std::min(files.size(), first + BATCH_FILES);
         std::vector<std::string> texts(last - first);
         db.read([&](sqlite::Cursor& cursor) {
-          for (std::size_t i = first; i < last; ++i) {
-            if (files[i].id != 0) texts[i - first] = indexed_text(cursor, files[i].id);
-          }
+          read_indexed(cursor, std::span(files).subspan(first, last - first), texts);
         });
         for (std::size_t i = first; i < last; ++i) {
           const std::string& text =
