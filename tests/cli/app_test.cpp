@@ -162,6 +162,8 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
     write(index_ / ("index.db.staging-" + name), name.starts_with("dead01")
                                                      ? std::string("SQLite format 3\0", 16)
                                                      : "a file of its own, no database");
+  // A database whose name is as long as a staging file's, and is none.
+  write(index_ / "backup-of-index-2024Jan", std::string("SQLite format 3\0", 16));
   const int live = ::open((index_ / "index.db.staging-live01").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::flock(live, LOCK_EX), 0);
   const Result indexed = in_repo({"index", "--json"});
@@ -171,8 +173,8 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
                               "/index.db.staging-dead01 (0.0 MiB), left by an indexing run that"),
             std::string::npos);
   EXPECT_EQ(ls(),
-            "0 index.db\nindex.db.staging-dead01.txt\nindex.db.staging-live01\n"
-            "index.db.staging-mine01\n");
+            "0 backup-of-index-2024Jan\nindex.db\nindex.db.staging-dead01.txt\n"
+            "index.db.staging-live01\nindex.db.staging-mine01\n");
   const json report = json::parse(indexed.out);
   // An update: the index holds 6 files, 1 with a stray byte; 3 are left out.
   EXPECT_EQ(json({report["files"], report["left_out"], report["not_utf8"], report["generation"]}),

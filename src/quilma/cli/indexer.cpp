@@ -430,7 +430,6 @@ std::vector<LeftOver> remove_leftover_staging(const fs::path& database) {
   std::error_code failure;
   for (const fs::directory_entry& entry : fs::directory_iterator(database.parent_path(), failure)) {
     std::string name = entry.path().filename().string();
-    if (!name.starts_with(prefix)) continue;
     // A log or shared memory left without its database counts as the database's leftover.
     for (const std::string_view suffix : SIDE_FILES) {
       if (name.ends_with(suffix)) name.resize(name.size() - suffix.size());
