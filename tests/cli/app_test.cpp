@@ -578,6 +578,8 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n0Zorblax\n");
     write(dir() / "rare/inside.txt", "xZorblax\n");
     write(dir() / "rare/last.txt", "x\nHALL");  // a match that ends the file
+    // Letters whose case reaches beyond ASCII: the Kelvin sign, the long s.
+    write(dir() / "rare/fold.txt", "\xe2\x84\xaa\x65lvin test \xc5\xbfun\nkelvin sun\n");
     ASSERT_EQ(shell(git() + "init -q && " + git() + "add -A"), "0 ");
     ASSERT_EQ(quilma_db({"index", "-q", dir().string()}).told, "0 ");
   }
@@ -621,6 +623,7 @@ INSTANTIATE_TEST_SUITE_P(
                       std::pair{Args{"-w", "Zorblax"}, ""}, std::pair{Args{"-F", "Zorblax"}, ""},
                       std::pair{Args{"-w", "-i", "Zorblax end"}, ""},
                       std::pair{Args{"-w", "-i", "\xc3\x9c\x62\x65r"}, ""},
+                      std::pair{Args{"-i", "KELVIN"}, ""}, std::pair{Args{"-w", "-i", "Sun"}, ""},
                       std::pair{Args{"-w", "-e", "send_file", "-e", "x1"}, ""},
                       std::pair{Args{"-E", "comm[a-z]+"}, ""},
                       std::pair{Args{"-E", "-w", "^commit"}, ""},

@@ -79,6 +79,26 @@ std::string folded(std::string_view text) {
   return out;
 }
 
+// Letters whose case orbit reaches beyond ASCII: 'k' (the Kelvin sign), 's' (the long s). In
+// either case they match those under -i, in git (a UTF-8 locale) as in RE2; a byte compare does
+// not, nor a folded needle.
+bool folds_beyond_ascii(char c) { return fold(c) == 'k' || fold(c) == 's'; }
+
+// The longest part of a needle folded for -i that a folded byte compare finds in every match:
+// ASCII, without letters whose case reaches beyond it.
+std::string byte_needle(std::string_view needle) {
+  std::string_view best;
+  for (std::size_t begin = 0; begin < needle.size();) {
+    std::size_t end = begin;
+    while (end < needle.size() && (needle[end] & 0x80) == 0 && !folds_beyond_ascii(needle[end])) {
+      ++end;
+    }
+    if (end - begin > best.size()) best = needle.substr(begin, end - begin);
+    begin = end + 1;
+  }
+  return std::string(best);
+}
+
 // A word of a literal text, as the index's tokenizer cuts it, and whether the text could run on
 // past it in a line: the word is at the text's start (or end) and a character of the line may
 // join it.
@@ -218,18 +238,22 @@ std::string required_literal(std::string_view expression) {
 struct LineMatcher::Pattern {
   std::string text;              // a fixed string (folded under -i)
   std::unique_ptr<re2::RE2> re;  // or an expression
-  // Text every match holds (folded under -i); empty when there is none to look for.
+  // Text every match holds (folded under -i), as the index can look for it; empty when there
+  // is none to look for.
+  std::string literal;
+  // Bytes every match holds, as a folded byte compare can find them; empty when none.
   std::string needle;
 };
 
 LineMatcher::LineMatcher(GrepPatterns patterns) : options_(std::move(patterns)) {
   for (const std::string& source : options_.patterns) {
     auto pattern = std::make_unique<Pattern>();
-    // A fixed string with letters beyond ASCII folds them as git does in a UTF-8 locale: as an
-    // expression that matches the string itself, in either case.
-    const bool beyond_ascii =
-        std::any_of(source.begin(), source.end(), [](char c) { return (c & 0x80) != 0; });
-    if (options_.regex || (options_.ignore_case && beyond_ascii)) {
+    // A fixed string with letters beyond ASCII, or whose case reaches beyond it, folds as git
+    // does in a UTF-8 locale: as an expression that matches the string itself, in either case.
+    const bool unicode_case = std::any_of(source.begin(), source.end(), [](char c) {
+      return (c & 0x80) != 0 || folds_beyond_ascii(c);
+    });
+    if (options_.regex || (options_.ignore_case && unicode_case)) {
       re2::RE2::Options settings;
       settings.set_longest_match(true);  // POSIX's leftmost-longest, as git's regexec
       settings.set_case_sensitive(!options_.ignore_case);
@@ -240,16 +264,21 @@ LineMatcher::LineMatcher(GrepPatterns patterns) : options_(std::move(patterns)) 
         throw MalformedQuery(
             fmt::format("bad regular expression '{}': {}", source, pattern->re->error()));
       }
-      if (options_.regex) pattern->needle = required_literal(source);
+      if (options_.regex) pattern->literal = required_literal(source);
     } else {
       pattern->text = options_.ignore_case ? folded(source) : source;
-      pattern->needle = pattern->text;
+      pattern->literal = pattern->text;
     }
-    if (options_.ignore_case) pattern->needle = folded(pattern->needle);
-    // A needle beyond ASCII would need the same folding: every line is a candidate instead.
-    if (options_.ignore_case && std::any_of(pattern->needle.begin(), pattern->needle.end(),
-                                            [](char c) { return (c & 0x80) != 0; })) {
-      pattern->needle.clear();
+    if (options_.ignore_case) {
+      pattern->literal = folded(pattern->literal);
+      pattern->needle = byte_needle(pattern->literal);
+      // A literal beyond ASCII would need the index to fold as RE2 does: every chunk is read.
+      if (std::any_of(pattern->literal.begin(), pattern->literal.end(),
+                      [](char c) { return (c & 0x80) != 0; })) {
+        pattern->literal.clear();
+      }
+    } else {
+      pattern->needle = pattern->literal;
     }
     compiled_.push_back(std::move(pattern));
   }
@@ -352,7 +381,7 @@ std::optional<std::string> LineMatcher::chunk_query(sqlite::Cursor& cursor) cons
   std::string query;
   std::optional<std::int64_t> common;
   for (const auto& pattern : compiled_) {
-    if (pattern->needle.empty()) return std::nullopt;
+    if (pattern->literal.empty()) return std::nullopt;
     if (!common) {
       cursor.execute(
           "CREATE VIRTUAL TABLE IF NOT EXISTS temp.quilma_vocabulary USING "
@@ -362,7 +391,7 @@ std::optional<std::string> LineMatcher::chunk_query(sqlite::Cursor& cursor) cons
                           COMMON_SHARE);
     }
     const std::optional<std::string> part =
-        literal_query(cursor, pattern->needle, options_.word && !options_.regex, *common);
+        literal_query(cursor, pattern->literal, options_.word && !options_.regex, *common);
     if (!part) return std::nullopt;
     query += (query.empty() ? "(" : " OR (") + *part + ")";
   }
