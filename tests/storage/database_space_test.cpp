@@ -214,6 +214,9 @@ TEST_F(SpaceTest, TheLogIsShrunkWithoutWaitingAndRestartedByAWriterWhenReadersNe
   // Past its bound it is restarted at once, or (a reader held up longer than the writer waits)
   // before it is twice as large.
   EXPECT_LT(largest, 2 * detail::LOG_RESTART_BYTES + 2 * MiB);
+  // The writer waits for other processes' locks as long as before the restarts.
+  EXPECT_EQ(db.execute("PRAGMA busy_timeout").fetchone().value()[0].as_int(),
+            detail::WRITER_BUSY_TIMEOUT.count());
 }
 
 TEST_F(SpaceTest, RefusalsAreLoggedOnceAndAFileWithoutAutoVacuumIsConvertedOnceWhenItMay) {
