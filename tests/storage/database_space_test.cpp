@@ -150,6 +150,16 @@ TEST_F(SpaceTest, FreePagesGoBackInPacedStepsThatAWriterWaitsForOneAtMostAndAClo
   EXPECT_TRUE(db.closed());
 }
 
+// Below its threshold a commit leaves the log alone: it grows commit by commit, and is copied
+// back in one checkpoint later.
+TEST_F(SpaceTest, CommitsLeaveTheLogToACheckpointPastItsThreshold) {
+  Database db(path_);
+  db.connect();
+  db.execute("CREATE TABLE t (n)");
+  for (int i = 0; i < 100; ++i) db.execute("INSERT INTO t VALUES (?)", {i});
+  EXPECT_GE(std::filesystem::file_size(path_.string() + "-wal"), std::uintmax_t{100} * 8192);
+}
+
 TEST_F(SpaceTest, TheLogIsShrunkWithoutWaitingAndRestartedByAWriterWhenReadersNeverPause) {
   Database db(path_);
   db.connect();
