@@ -406,6 +406,7 @@ TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
       {{}, "2 A subcommand is required"},
       {{"--db", "x.db", "reindex"}, "2 unknown command 'reindex'; the commands are: index search"},
       {{"search"}, "2 QUERY is required"},
+      {{"stamp"}, "2 LANG=VERSION is required"},
       {{"search", "x", repo, "--limit", "0"}, "2 --limit: --limit takes a whole number of 1 or"},
       {{"stats", empty}, "1 stats: no index at " + empty + "/memory/codebase-index/index.db; run"},
       {{"index", empty + "/nowhere"}, "1 index: no such directory: " + empty + "/nowhere\n"},
