@@ -366,6 +366,28 @@ TEST_F(IndexedRepoTest, TheProgramColoursAndRewritesItsStatusOnlyOnATerminal) {
             std::string::npos);
 }
 
+// Past a share of the files changed, an update is a full build, and its summary says why.
+TEST(IndexSummaryTest, ManyChangedFilesMakeAFullBuildThatSaysWhy) {
+  testing::TempDir dir;
+  const auto write_all = [&](const std::string& word) {
+    for (int i = 0; i < 210; ++i) write(dir / fmt::format("f{}.py", i), word + " = 1\n");
+  };
+  write_all("before");
+  const std::string repo = dir.path().string();
+  ASSERT_EQ(quilma_db({"index", "-q", repo}).told, "0 ");
+  ASSERT_EQ(quilma_db({"stamp", "python=2", "--repo", repo}).out,
+            "marked 210 files for re-parsing\n");
+  write_all("after");
+  EXPECT_NE(quilma_db({"index", repo})
+                .out.find("a full build (210 files added, changed or removed of 210, 210 of "
+                          "them marked by a changed extractor stamp)"),
+            std::string::npos);
+  write_all("changed_again");  // of another size: not taken for a file touched alone
+  EXPECT_NE(quilma_db({"index", repo})
+                .out.find("a full build (210 files added, changed or removed of 210)"),
+            std::string::npos);
+}
+
 // A closed terminal (SIGHUP) stops a run of the program as cleanly as Ctrl-C does.
 TEST(ProgramTest, AClosedTerminalStopsABuildCleanly) {
   testing::TempDir dir;
