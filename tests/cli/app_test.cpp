@@ -269,6 +269,8 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
       {{{"search", "-w", "-s", "--sort", "path", "plantedIdentifier"},
         "src/more.py:3:# plantedIdentifier\n" + PLANTED},
        {{"search", "-l", "--sort", "path", "planted"}, "docs/readme.md\nsrc/more.py\n"},
+       // Only files with a line that matches: the index offers planted.py too, in any case.
+       {{"search", "-w", "-c", "PlantedIdentifier"}, "src/more.py:1\n"},
        // A pathspec names a directory, or has a '*' that crosses '/', as git's do.
        {{"search", "-w", "-s", "--path", "src", "plantedIdentifier"},
         "src/more.py:3:# plantedIdentifier\n" + PLANTED},
