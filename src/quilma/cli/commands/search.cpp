@@ -83,7 +83,12 @@ std::string grep_line(std::string_view path, std::int64_t number, std::string_vi
     last_path = path;
     last_shown = quoted_path(path);
   }
-  std::string line = fmt::format("{}{}{}{}", last_shown, separator, number, separator);
+  const fmt::format_int digits(number);
+  std::string line;
+  line.reserve(last_shown.size() + digits.size() + text.size() + 3 +
+               (marked ? matches.size() * 11 : 0));
+  line.append(last_shown).append(1, separator).append(digits.data(), digits.size());
+  line += separator;
   std::size_t from = 0;
   for (const auto& [begin, end] : matches) {
     if (begin < from || end > text.size()) continue;
