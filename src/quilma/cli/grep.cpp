@@ -209,8 +209,7 @@ std::string required_literal(std::string_view expression) {
   };
   for (std::size_t i = 0; i < expression.size(); ++i) {
     const char c = expression[i];
-    const bool plain = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                       c == '_' || c == ' ' || c == '-' || c == ':';
+    const bool plain = is_word_byte(c) || c == ' ' || c == '-' || c == ':';
     if (depth == 0 && plain) {
       const char next = i + 1 < expression.size() ? expression[i + 1] : '\0';
       if (next == '?' || next == '*' || next == '{') {
