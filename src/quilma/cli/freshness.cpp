@@ -190,9 +190,11 @@ std::vector<Known> read_known(sqlite::Cursor& cursor) {
   std::vector<std::optional<std::string>> state_hashes;
   cursor.execute("SELECT path, size, mtime_ns, hash FROM file_states ORDER BY path");
   while (const std::optional<sqlite::Row> row = cursor.fetchone()) {
-    known.push_back(Known{.path = (*row)[0].as_text(),
-                          .stat = FileStat{(*row)[1].as_int(), (*row)[2].as_int()}});
     state_hashes.push_back(optional_text((*row)[3]));
+    // A state without a digest is that of a file left out, which `files` does not hold.
+    known.push_back(Known{.path = (*row)[0].as_text(),
+                          .stat = FileStat{(*row)[1].as_int(), (*row)[2].as_int()},
+                          .same_hash = !state_hashes.back()});
   }
   // Indexed files without a state row: none, unless an older release or another program wrote
   // the index.
@@ -203,14 +205,10 @@ std::vector<Known> read_known(sqlite::Cursor& cursor) {
     const std::string& path = (*row)[0].as_text();
     while (k < with_states && known[k].path < path) ++k;
     if (k < with_states && known[k].path == path) {
-      known[k].in_files = true;
       known[k].same_hash = state_hashes[k] == optional_text((*row)[1]);
     } else {
-      known.push_back(Known{.path = path, .stat = std::nullopt, .in_files = true});
+      known.push_back(Known{.path = path, .stat = std::nullopt, .same_hash = false});
     }
-  }
-  for (std::size_t i = 0; i < with_states; ++i) {
-    if (!known[i].in_files) known[i].same_hash = !state_hashes[i];
   }
   const auto by_path = [](const Known& a, const Known& b) { return a.path < b.path; };
   std::inplace_merge(known.begin(), known.begin() + static_cast<std::ptrdiff_t>(with_states),

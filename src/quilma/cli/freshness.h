@@ -32,7 +32,6 @@ struct FileStat {
 struct Known {
   std::string path;
   std::optional<FileStat> stat;  // as its state row recorded it; none without one
-  bool in_files = false;         // `files` holds it: its text is indexed
   bool same_hash = false;        // the state's digest is the one `files` holds (none for none)
 };
 
