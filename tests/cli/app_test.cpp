@@ -290,6 +290,10 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
        {{"search", "-w", "-C", "1", "--limit", "1", "-e", "value_10", "-e", "value_13"},
         "src/planted.py-9-value_9 = 9\nsrc/planted.py:10:value_10 = 10\n"
         "src/planted.py-11-value_11 = 11\n"},
+       // The context after a hit stops short of the next one.
+       {{"search", "-C", "2", "--sort", "path", "value_119 OR value_120"},
+        "src/planted.py-117-value_117 = 117\nsrc/planted.py-118-value_118 = 118\n"
+        "src/planted.py:119:value_119 = 119\nsrc/planted.py:120:value_120 = 120\n"},
        {{"search", "-c", "--json", "--sort", "path", "planted"},
         "{\"path\":\"docs/readme.md\",\"count\":1}\n{\"path\":\"src/more.py\",\"count\":1}\n"}});
   // A long line is printed whole, and JSON offsets point into it.
@@ -390,35 +394,39 @@ TEST(IndexSummaryTest, ManyChangedFilesMakeAFullBuildThatSaysWhy) {
             std::string::npos);
 }
 
-// A closed terminal (SIGHUP) stops a run of the program as cleanly as Ctrl-C does.
-TEST(ProgramTest, AClosedTerminalStopsABuildCleanly) {
+// Ctrl-C, SIGTERM and a closed terminal (SIGHUP) each stop a run of the program cleanly.
+TEST(ProgramTest, SignalsStopABuildCleanly) {
   testing::TempDir dir;
   for (int i = 0; i < 1000; ++i) write(dir / fmt::format("f{}.py", i), python_with("word", 1));
-  int pipe_fds[2];
-  ASSERT_EQ(::pipe(pipe_fds), 0);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDERR_FILENO);
-  posix_spawn_file_actions_addclose(&actions, pipe_fds[0]);
   const std::string repo = dir.path().string();
-  const char* argv[] = {QUILMA_DB_EXECUTABLE, "index", repo.c_str(), nullptr};
-  pid_t pid = 0;
-  ASSERT_EQ(
-      ::posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ), 0);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(pipe_fds[1]);
-  std::string err;
-  char c = 0;
-  // Its first line (what it lists) comes after its handlers are in place, before the build.
-  while (::read(pipe_fds[0], &c, 1) == 1 && (err += c, c != '\n')) {
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    int pipe_fds[2];
+    ASSERT_EQ(::pipe(pipe_fds), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDERR_FILENO);
+    posix_spawn_file_actions_addclose(&actions, pipe_fds[0]);
+    const char* argv[] = {QUILMA_DB_EXECUTABLE, "index", "--full", repo.c_str(), nullptr};
+    pid_t pid = 0;
+    ASSERT_EQ(
+        ::posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ),
+        0);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(pipe_fds[1]);
+    std::string err;
+    char c = 0;
+    // Its first line (what it lists) comes after its handlers are in place, before the build.
+    while (::read(pipe_fds[0], &c, 1) == 1 && (err += c, c != '\n')) {
+    }
+    ::kill(pid, signal);
+    while (::read(pipe_fds[0], &c, 1) == 1) err += c;
+    ::close(pipe_fds[0]);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << signal << ": " << status;
+    EXPECT_NE(err.find("index: interrupted; the index was left as it was"), std::string::npos)
+        << signal << ": " << err;
   }
-  ::kill(pid, SIGHUP);
-  while (::read(pipe_fds[0], &c, 1) == 1) err += c;
-  ::close(pipe_fds[0]);
-  int status = 0;
-  ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 130) << status << " " << err;
-  EXPECT_NE(err.find("index: interrupted; the index was left as it was"), std::string::npos) << err;
 }
 
 TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
@@ -651,8 +659,9 @@ INSTANTIATE_TEST_SUITE_P(
         std::pair{Args{"-w", "-i", "Sun"}, ""},
         std::pair{Args{"-w", "-e", "send_file", "-e", "x1"}, ""},
         std::pair{Args{"-E", "comm[a-z]+"}, ""}, std::pair{Args{"-E", "Zorblax|HALL"}, ""},
-        std::pair{Args{"-E", "-w", "^commit"}, ""}, std::pair{Args{"-w", "-C", "1", "Hall"}, ""},
-        std::pair{Args{"-w", "absent"}, ""}, std::pair{Args{"-w", "commit"}, "sub"}));
+        std::pair{Args{"-E", "Ha(llxyzw)?ll"}, ""}, std::pair{Args{"-E", "-w", "^commit"}, ""},
+        std::pair{Args{"-w", "-C", "1", "Hall"}, ""}, std::pair{Args{"-w", "absent"}, ""},
+        std::pair{Args{"-w", "commit"}, "sub"}));
 
 TEST(SourceFileTest, ChunksCoverEveryLineOnce) {
   // The first lines of a file, with a final newline and without: chunks of 50 lines (the last

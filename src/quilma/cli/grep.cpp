@@ -268,17 +268,10 @@ LineMatcher::LineMatcher(GrepPatterns patterns) : options_(std::move(patterns)) 
       pattern->text = options_.ignore_case ? folded(source) : source;
       pattern->literal = pattern->text;
     }
-    if (options_.ignore_case) {
-      pattern->literal = folded(pattern->literal);
-      pattern->needle = byte_needle(pattern->literal);
-      // A literal beyond ASCII would need the index to fold as RE2 does: every chunk is read.
-      if (std::any_of(pattern->literal.begin(), pattern->literal.end(),
-                      [](char c) { return (c & 0x80) != 0; })) {
-        pattern->literal.clear();
-      }
-    } else {
-      pattern->needle = pattern->literal;
-    }
+    // (A literal's words beyond ASCII are the index's to fold: literal_query() reads every chunk
+    // for them.)
+    if (options_.ignore_case) pattern->literal = folded(pattern->literal);
+    pattern->needle = options_.ignore_case ? byte_needle(pattern->literal) : pattern->literal;
     compiled_.push_back(std::move(pattern));
   }
 }
