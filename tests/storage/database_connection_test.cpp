@@ -352,6 +352,16 @@ TEST_F(DatabaseTest, PoolLeasesWaitForAConnectionAndCloseWaitsForAllLeasesThenRe
   EXPECT_EQ(error_of<ReaderUnavailable>([&] { pool.lease(); }),
             "the read connections of " + path_.string() + " are closed");
   EXPECT_THROW(ReaderPool(dir_ / "missing.db", 1).lease(), ReaderUnavailable);
+  // A waiting lease is served once a connection comes back, not when its wait runs out.
+  const auto started = std::chrono::steady_clock::now();
+  {
+    ReaderPool one(path_, 1, {}, std::chrono::seconds(60));
+    std::optional<ReaderPool::Lease> held(one.lease());
+    const std::jthread waiter([&] { const ReaderPool::Lease lease = one.lease(); });
+    std::this_thread::sleep_for(50ms);  // the waiter is waiting by now, most often
+    held.reset();
+  }  // joined: the waiter was served
+  EXPECT_LT(std::chrono::steady_clock::now() - started, 30s);
   // A read connection that fails to close (a statement made outside the binding holds it)
   // is reported once the pool has closed them all.
   std::mutex holding;
