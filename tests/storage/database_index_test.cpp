@@ -314,6 +314,7 @@ TEST_F(DatabaseIndexTest,
   EXPECT_EQ(db_.get_error_count(), 3);  // distinct files
   db_.clear_file_errors("a.py", "");    // an empty type is a type, not "every type"
   db_.clear_file_errors("b.py");
+  EXPECT_EQ(rows("index_errors WHERE file_path = 'a.py' AND error_type = 'io_error'"), 1);
   EXPECT_EQ(rows("index_errors WHERE file_path IN ('a.py', 'b.py')"), 1);
   const testing::LogCapture log;
   db_.clear_all();
