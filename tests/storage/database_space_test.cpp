@@ -73,6 +73,21 @@ TEST_F(SpaceTest, TheTemporaryDirectoryAndTheRoomAVacuumNeeds) {
     free_ = 1064 * MiB - 1;
     EXPECT_NE(detail::disk_shortfall(dir_.path(), 500 * MiB), std::nullopt);
   }
+  // On two volumes, each needs room for one copy and the margin.
+  if (!detail::same_volume(dir_.path(), "/dev/shm")) {
+    testing::ScopedEnv configured("SQLITE_TMPDIR", "/dev/shm");
+    for (const std::filesystem::path& short_of_room :
+         {dir_.path(), std::filesystem::path("/dev/shm")}) {
+      detail::replace_free_space_query([&](const std::filesystem::path& place) {
+        return place == short_of_room ? 564 * MiB - 1 : 564 * MiB;
+      });
+      EXPECT_EQ(
+          detail::disk_shortfall(dir_.path(), 500 * MiB),
+          "not enough disk space: 563 MiB free in " + short_of_room.string() + ", 564 MiB needed");
+    }
+    detail::replace_free_space_query([](const std::filesystem::path&) { return 564 * MiB; });
+    EXPECT_EQ(detail::disk_shortfall(dir_.path(), 500 * MiB), std::nullopt);
+  }
   testing::ScopedEnv empty("SQLITE_TMPDIR", ""), not_a_directory("TMPDIR", "/dev/null");
   EXPECT_EQ(detail::temp_directory(), "/var/tmp");
 }
