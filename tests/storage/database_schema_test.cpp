@@ -221,6 +221,7 @@ TEST(ExtractorStampTest, MarksChangedLanguagesReadsItsStampBackAndCountsUnknownF
   const std::pair<sqlite::Value, std::string> stamps[] = {
       {R"({"python": 1} x)", R"('{"python": 1} x')"},
       {R"({"python": true})", R"('{"python": true}')"},
+      {R"({"go": 1, "python": null})", R"('{"go": 1, "python": null}')"},
       {R"({"python": 1.0})", R"('{"python": 1.0}')"},
       {R"({"python": "1"})", R"('{"python": "1"}')"},
       {R"({"go": 1, "python": {"v": 1}})", R"('{"go": 1, "python": {"v": 1}}')"},
