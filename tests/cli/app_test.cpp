@@ -91,6 +91,7 @@ class IndexedRepoTest : public ::testing::Test {
     write(repo_ / "docs/readme.md", "# Notes\n\nNothing planted here.\n");
     write(repo_ / "assets/logo.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16));
     write(repo_ / "legacy/latin1.txt", "first line\ncaf\xe9 au lait\n");
+    fs::create_symlink("planted.py", repo_ / "src/link.py");  // not a file of its own
     // Left out by the walk: hidden directories, build output, the index's own directory.
     for (const char* left_out : {".cache/left.py", "build/left.cpp", "memory/left.md"}) {
       write(repo_ / left_out, "leftOut\n");
@@ -392,6 +393,9 @@ TEST(IndexSummaryTest, ManyChangedFilesMakeAFullBuildThatSaysWhy) {
   EXPECT_NE(quilma_db({"index", repo})
                 .out.find("a full build (210 files added, changed or removed of 210)"),
             std::string::npos);
+  // Many batches of files, every one printed.
+  EXPECT_EQ(split(quilma_db({"search", "-w", "-l", "--all", "changed_again", repo}).out).size(),
+            210U);
 }
 
 // Ctrl-C, SIGTERM and a closed terminal (SIGHUP) each stop a run of the program cleanly.
@@ -439,6 +443,7 @@ TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
       {{"--db", "x.db", "reindex"}, "2 unknown command 'reindex'; the commands are: index search"},
       {{"search"}, "2 QUERY is required"},
       {{"stamp"}, "2 LANG=VERSION is required"},
+      {{"search", "-C", "1001", "x", repo}, "2 --context: Value 1001 not in range 0 to 1000"},
       {{"search", "x", repo, "--limit", "0"}, "2 --limit: --limit takes a whole number of 1 or"},
       {{"stats", empty}, "1 stats: no index at " + empty + "/memory/codebase-index/index.db; run"},
       {{"index", empty + "/nowhere"}, "1 index: no such directory: " + empty + "/nowhere\n"},
@@ -601,6 +606,8 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     write(dir() / "nul_late.txt",
           std::string(BINARY_PROBE_BYTES, 'a') + std::string("\0commit\n", 8));
     write(dir() / "nul_early.bin", std::string("commit\0\n", 8));
+    write(dir() / ".gitignore", "ignored.txt\n");
+    write(dir() / "ignored.txt", "commit\n");  // git lists it nowhere
     // A rare word, found through the index, in files of its own: after a CJK letter, after
     // accented ones (which the index folds into ASCII) in a file whose name git quotes, before
     // an accented one, and inside an ASCII word (after a digit, in a file the index offers for
