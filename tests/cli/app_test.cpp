@@ -160,9 +160,9 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
   // Staging files of runs that did not end are removed; one that a run still holds is not, nor
   // a file of that name that this tool did not make.
   for (const std::string name : {"dead01", "dead01-wal", "live01", "mine01", "dead01.txt"})
-    write(index_ / ("index.db.staging-" + name), name.starts_with("dead01")
-                                                     ? std::string("SQLite format 3\0", 16)
-                                                     : "a file of its own, no database");
+    write(index_ / ("index.db.staging-" + name),
+          name.starts_with("dead01") ? std::string("SQLite format 3\0", 16) + "and its pages"
+                                     : "a file of its own, no database");
   // A database whose name is as long as a staging file's, and is none.
   write(index_ / "backup-of-index-2024Jan", std::string("SQLite format 3\0", 16));
   const int live = ::open((index_ / "index.db.staging-live01").c_str(), O_RDONLY | O_CLOEXEC);
@@ -380,6 +380,7 @@ TEST(IndexSummaryTest, ManyChangedFilesMakeAFullBuildThatSaysWhy) {
     for (int i = 0; i < 210; ++i) write(dir / fmt::format("f{}.py", i), word + " = 1\n");
   };
   write_all("before");
+  fs::create_directory(dir / ".git");  // no repository: git fails, and the tree is walked
   const std::string repo = dir.path().string();
   ASSERT_EQ(quilma_db({"index", "-q", repo}).told, "0 ");
   ASSERT_EQ(quilma_db({"stamp", "python=2", "--repo", repo}).out,
