@@ -126,6 +126,7 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
       {{"generation"}, "1\n"},
       {{"search", "helper"}, "src/util/helpers.cpp:1:int helper() { return 42; }\n"},
       {{"check"}, "ok\n"},
+      {{"check", "--json"}, "{\n  \"ok\": true,\n  \"problems\": []\n}\n"},
       {{"compact"},
        "nothing to compact: fewer than 2048 free pages, or under 10% of the file, is left for "
        "later\n"}};
@@ -134,6 +135,7 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
   // directory, with paths relative to it, as git grep's.
   EXPECT_EQ(quilma_db({"search", "plantedIdentifier", (repo_ / "src").string()}).out,
             PLANTED.substr(4));
+  EXPECT_EQ(quilma_db({"search", "-l", "planted*", (repo_ / "src").string()}).out, "planted.py\n");
 
   write(repo_ / "src/planted.py", python_with("renamedIdentifier", 5));
   write(repo_ / "caf\xe9.py", "latinName = 1\n");  // names that are not UTF-8
@@ -369,8 +371,10 @@ TEST_F(IndexedRepoTest, TheProgramColoursAndRewritesItsStatusOnlyOnATerminal) {
   if (shell("script -qec true /dev/null") != "0 ") return;
   EXPECT_NE(shell("script -qec '" + search + "' /dev/null").find("\033[1;31mplantedIdentifier"),
             std::string::npos);
-  EXPECT_NE(shell("script -qec '" + index + " >/dev/null' /dev/null").find("\r\033[Kindexing: "),
-            std::string::npos);
+  // The status line is erased once the run ends.
+  const std::string status = shell("script -qec '" + index + " >/dev/null' /dev/null");
+  EXPECT_NE(status.find("\r\033[Kindexing: "), std::string::npos);
+  EXPECT_GT(status.rfind("\r\033[K"), status.rfind("indexing: ")) << status;
 }
 
 // Past a share of the files changed, an update is a full build, and its summary says why.
@@ -670,6 +674,13 @@ INSTANTIATE_TEST_SUITE_P(
         std::pair{Args{"-E", "Ha(llxyzw)?ll"}, ""}, std::pair{Args{"-E", "-w", "^commit"}, ""},
         std::pair{Args{"-w", "-C", "1", "Hall"}, ""}, std::pair{Args{"-w", "absent"}, ""},
         std::pair{Args{"-w", "commit"}, "sub"}));
+
+TEST(SourceFileTest, LanguageFromNameOrExtension) {
+  EXPECT_EQ(language_of("src/a.py"), "python");
+  EXPECT_EQ(language_of("sub/Makefile"), "make");
+  EXPECT_EQ(language_of("dir/.py"), std::nullopt);  // a hidden file, not an extension
+  EXPECT_EQ(language_of("README"), std::nullopt);
+}
 
 TEST(SourceFileTest, ChunksCoverEveryLineOnce) {
   // The first lines of a file, with a final newline and without: chunks of 50 lines (the last
