@@ -406,7 +406,7 @@ TEST(IndexSummaryTest, ManyChangedFilesMakeAFullBuildThatSaysWhy) {
 // Ctrl-C, SIGTERM and a closed terminal (SIGHUP) each stop a run of the program cleanly.
 TEST(ProgramTest, SignalsStopABuildCleanly) {
   testing::TempDir dir;
-  for (int i = 0; i < 1000; ++i) write(dir / fmt::format("f{}.py", i), python_with("word", 1));
+  for (int i = 0; i < 1100; ++i) write(dir / fmt::format("f{}.py", i), python_with("word", 1));
   const std::string repo = dir.path().string();
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     int pipe_fds[2];
@@ -436,6 +436,10 @@ TEST(ProgramTest, SignalsStopABuildCleanly) {
     EXPECT_NE(err.find("index: interrupted; the index was left as it was"), std::string::npos)
         << signal << ": " << err;
   }
+  // A search that reaches its limit early in many files ends, with its scanning threads.
+  ASSERT_EQ(quilma_db({"index", "-q", repo}).told, "0 ");
+  EXPECT_EQ(quilma_db({"search", "-w", "--limit", "1", "word", repo}).out,
+            "f0.py:1:    word = compute(1)\n");
 }
 
 TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
