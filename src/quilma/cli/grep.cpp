@@ -263,7 +263,7 @@ LineMatcher::LineMatcher(GrepPatterns patterns) : options_(std::move(patterns)) 
         throw MalformedQuery(
             fmt::format("bad regular expression '{}': {}", source, pattern->re->error()));
       }
-      if (options_.regex) pattern->literal = required_literal(source);
+      pattern->literal = options_.regex ? required_literal(source) : source;
     } else {
       pattern->text = options_.ignore_case ? folded(source) : source;
       pattern->literal = pattern->text;
