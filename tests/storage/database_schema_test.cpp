@@ -115,22 +115,24 @@ TEST(OpenReleaseFileTest, MigratesKeepingTheIndexStopsOnAFailedStepAndRewritesPa
   // A version that cannot be migrated stops the open and keeps the steps before.
   const std::string cases[][3] = {
       // recorded version, error, version after
-      {"banana", "is not a dotted version number", "banana"},
-      {"3.10.0", "(no error)", "3.10.0"},  // a newer release's file is left alone
+      {"'banana'", "is not a dotted version number", "banana"},
+      {"'3.10.0'", "(no error)", "3.10.0"},  // a newer release's file is left alone
+      {"X'332E312E30'", "'' is not a dotted version number", "3.1.0"},  // a blob has no text
       // A table in the way of an index that step 3.1.0 creates.
-      {"2.12.0", "from 3.0.0 to 3.1.0 failed", "3.0.0"}};
+      {"'2.12.0'", "from 3.0.0 to 3.1.0 failed", "3.0.0"}};
   for (const auto& [stored, error, after] : cases) {
-    const std::filesystem::path path = dir / (stored + "-stopped.db");
+    const std::filesystem::path path = dir / (after + "-stopped.db");
     make_release_file(path, 1);
-    run(path, "UPDATE schema_info SET value = '" + stored + "'; CREATE TABLE idx_symbols_name (x)");
+    run(path, "UPDATE schema_info SET value = " + stored + "; CREATE TABLE idx_symbols_name (x)");
     LogCapture log;
     Database db(path);
     db.connect();
     db.create_schema();
     EXPECT_THAT(testing::error_of<migrations::SchemaMigrationError>([&] { db.migrate_schema(); }),
                 HasSubstr(error));
-    EXPECT_EQ(value_of(path, "SELECT value, page_size FROM schema_info, pragma_page_size"),
-              after + "|4096");
+    EXPECT_EQ(
+        value_of(path, "SELECT CAST(value AS TEXT), page_size FROM schema_info, pragma_page_size"),
+        after + "|4096");
     EXPECT_TRUE(log.lines().empty());  // neither the version line nor a rewrite
   }
   // The page rewrite runs once with room, on a file whose pages are smaller. Each open checks

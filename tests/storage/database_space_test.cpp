@@ -214,6 +214,22 @@ TEST_F(SpaceTest, TheLogIsShrunkWithoutWaitingAndRestartedByAWriterWhenReadersNe
   }
   EXPECT_LT(write_mib(24), 16 * MiB);
 
+  // A reader that lets go while the committing writer waits for it: the log, past its bound,
+  // starts again from its beginning before it is twice as large.
+  {
+    sqlite::Connection held(path_, {.read_only = true});
+    sqlite::Cursor cursor = held.cursor();
+    cursor.execute("BEGIN");
+    cursor.execute("SELECT COUNT(*) FROM bulk").fetchall();
+    for (int i = 0; i < 15; ++i) db.execute("INSERT INTO bulk VALUES (zeroblob(1048576))");
+    const std::jthread release([&cursor] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      cursor.execute("COMMIT");
+    });
+    write_mib(2);
+    EXPECT_LT(wal(), 4 * MiB);
+  }
+
   // Two readers that take turns so that one always has a snapshot: the automatic checkpoint
   // never finishes, and the writer that finds the log past its bound restarts it.
   std::atomic<int> turn{0};

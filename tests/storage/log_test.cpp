@@ -1,6 +1,7 @@
 // The storage layer's log lines: values in their debug form, printf formats, errors by kind.
 #include "quilma/storage/log.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -66,6 +67,17 @@ TEST(LogTest, ValuesFormatsAndErrorsRenderAsAPythonCallerWouldWriteThem) {
   EXPECT_EQ(described([] { sqlite::raise_error(SQLITE_BUSY, "database is locked"); }),
             "quilma::sqlite::OperationalError: database is locked");
   EXPECT_EQ(described([] { throw 7; }), "int");
+}
+
+TEST(LogTest, OnlyWarningsAndErrorsReachStandardError) {
+  const std::shared_ptr<spdlog::logger> logger = module_logger("quilma.test.quiet");
+  ::testing::internal::CaptureStderr();
+  logger->info("an info line");
+  logger->warn("a warning line");
+  const std::string shown = ::testing::internal::GetCapturedStderr();
+  EXPECT_TRUE(shown.find("a warning line") != std::string::npos &&
+              shown.find("an info line") == std::string::npos)
+      << shown;
 }
 
 }  // namespace
