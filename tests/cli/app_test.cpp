@@ -252,6 +252,22 @@ TEST_F(IndexedRepoTest, JsonAndPlainAnswersAndCheckNamesWhatIsDamaged) {
                 .out.find("full build (the index does not list its "
                           "mixed-script words yet)"),
             std::string::npos);
+  // Damage that only the swap meets, in a table that nothing before it reads.
+  const std::int64_t symbols_root = sqlite::Connection(file)
+                                        .cursor()
+                                        .execute(
+                                            "SELECT rootpage FROM sqlite_schema WHERE "
+                                            "name = 'symbols'")
+                                        .fetchone()
+                                        .value()[0]
+                                        .as_int();
+  std::fstream(file, std::ios::in | std::ios::out)
+      .seekp((symbols_root - 1) * 8192)
+      .write("\0", 1);  // no kind of page
+  // The swap's own error is named: the run did not start over.
+  EXPECT_TRUE(in_repo({"index", "-q", "--full"})
+                  .told.starts_with("0 quilma-db: index: " + file.string() +
+                                    " was damaged (database disk image is malformed)"));
   // A file that does not even open as a database is moved aside as well, no search before.
   std::fstream(file, std::ios::in | std::ios::out | std::ios::binary).write("Not SQLite", 10);
   const Result unreadable = in_repo({"index", "-q"});
@@ -312,6 +328,9 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
   const Result limited = in_repo({"search", "--limit", "2", "value_*"});
   EXPECT_EQ(limited.told + std::to_string(split(limited.out).size()),
             "0 quilma-db: showing the first 2 matching lines; more match (--limit N, or --all)\n2");
+  EXPECT_EQ(
+      in_repo({"search", "-w", "-C", "1", "--limit", "1", "-e", "value_10", "-e", "value_13"}).told,
+      "0 quilma-db: showing the first 1 matching lines; more match (--limit N, or --all)\n");
   const Result all = in_repo({"search", "--all", "value_*"});
   EXPECT_EQ(all.told + std::to_string(split(all.out).size()), "0 119");
   // A new extractor version marks the files of its language for the next run.
@@ -506,8 +525,9 @@ TEST_P(ChangedTreeTest, SearchAnswersAsGitGrepBeforeAndAfterTheUpdate) {
       const Result update = quilma_db({"index", "-q", dir.path().string()});
       EXPECT_NE(update.out.find(GetParam().summary), std::string::npos) << update.out;
     }
-    EXPECT_EQ("0 " + quilma_db({"search", "-w", "--all", "target", dir.path().string()}).out,
-              shell(git + "grep --untracked -n -w -I target"))
+    EXPECT_EQ(
+        "0 " + quilma_db({"search", "-w", "-C", "1", "--all", "target", dir.path().string()}).out,
+        shell(git + "grep --untracked -n -w -I -C 1 target"))
         << (updated ? "after the update" : "before it");
     // The full-text search reads the changed files into an index of their own, and leaves
     // out the lines of files removed: each line it prints is one of the pattern's (which also
@@ -539,6 +559,13 @@ INSTANTIATE_TEST_SUITE_P(
                    "0 added, 0 updated, 1 removed, 3 unchanged"},
         TreeChange{"rename", "mkdir d && git mv b.py d/b.py",
                    "1 added, 0 updated, 1 removed, 3 unchanged"},
+        // Unmerged: git lists the file once for each side.
+        TreeChange{
+            "conflict",
+            "C='git -c user.name=t -c user.email=t@t' && $C commit -qm a && git checkout "
+            "-qb b && sed -i '1s/$/ 1/' c.md && $C commit -qam b && git checkout -q - && sed "
+            "-i '1s/$/ 2/' c.md && $C commit -qam c && ! $C merge -q b >/dev/null 2>&1",
+            "0 added, 1 updated, 0 removed, 3 unchanged"},
         TreeChange{"turns_binary", "printf 'target\\0' > c.md",
                    "0 added, 1 updated, 0 removed, 3 unchanged; 2 left out, 0 with bytes that "
                    "are not UTF-8"}),
@@ -579,6 +606,9 @@ TEST(FreshnessTest, OnlyARecordedStateVouchesForTheIndexedText) {
   EXPECT_EQ(search({"onDisk"}), "a.py:1:onDisk = 1\nb.py:1:onDisk = 1\nd.py:1:onDisk = 1\n");
   EXPECT_EQ(search({"--as-indexed", "inIndex"}),
             "a.py:1:inIndex = 1\nb.py:1:inIndex = 1\nc.py:1:inIndex = 1\n");
+  // Ranked, the lines read from disk come first, then the index's.
+  EXPECT_EQ(quilma_db({"search", "--all", "inIndex OR onDisk", dir.path().string()}).out,
+            "a.py:1:onDisk = 1\nb.py:1:onDisk = 1\nd.py:1:onDisk = 1\nc.py:1:inIndex = 1\n");
   // An update reads again the files whose state does not vouch for them. b.py's digest shows
   // that the index holds it as it is (only its state was lost): its rows stay.
   const Result update = quilma_db({"index", dir.path().string()});

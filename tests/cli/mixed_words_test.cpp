@@ -67,7 +67,7 @@ TEST(MixedWordsTest, KindsAgreeWithTheTokenizerAndFoldedWordsAreListed) {
 
   // Listed: a character beyond ASCII right before an ASCII letter or digit, in a word that
   // known separators, ASCII or not, end; ASCII letters lower-cased; each word once, sorted.
-  EXPECT_EQ(mixed_words("d\xc3\xa9j\xc3\xa0Vu x\xc3\xa9 \xc3\xa9t\xc3\xa9\xe2\x80\x94"
+  EXPECT_EQ(mixed_words("plain d\xc3\xa9j\xc3\xa0Vu x\xc3\xa9 \xc3\xa9t\xc3\xa9\xe2\x80\x94"
                         "\xe4\xb8\x80"
                         "commit_\xc3\xa9"
                         "9 d\xc3\xa9j\xc3\xa0vu \xff\xc3\xa9x"),
