@@ -390,6 +390,9 @@ TEST_F(IndexedRepoTest, TheProgramColoursAndRewritesItsStatusOnlyOnATerminal) {
   if (shell("script -qec true /dev/null") != "0 ") return;
   EXPECT_NE(shell("script -qec '" + search + "' /dev/null").find("\033[1;31mplantedIdentifier"),
             std::string::npos);
+  EXPECT_NE(shell("script -qec '" + program + " search -w 120 " + repo_.string() + "' /dev/null")
+                .find("= \033[1;31m120\033[0m"),  // at the line's end
+            std::string::npos);
   // The status line is erased once the run ends.
   const std::string status = shell("script -qec '" + index + " >/dev/null' /dev/null");
   EXPECT_NE(status.find("\r\033[Kindexing: "), std::string::npos);
@@ -473,6 +476,7 @@ TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
       {{"stamp"}, "2 LANG=VERSION is required"},
       {{"search", "-C", "1001", "x", repo}, "2 --context: Value 1001 not in range 0 to 1000"},
       {{"search", "x", repo, "--limit", "0"}, "2 --limit: --limit takes a whole number of 1 or"},
+      {{"search", "x", repo, "--limit", "x1"}, "2 --limit: --limit takes a whole number of 1 or"},
       {{"stats", empty}, "1 stats: no index at " + empty + "/memory/codebase-index/index.db; run"},
       {{"index", empty + "/nowhere"}, "1 index: no such directory: " + empty + "/nowhere\n"},
       {{"search", "std::vector", repo},
