@@ -429,6 +429,7 @@ TEST(IndexSummaryTest, ManyChangedFilesMakeAFullBuildThatSaysWhy) {
 TEST(ProgramTest, SignalsStopABuildCleanly) {
   testing::TempDir dir;
   for (int i = 0; i < 1100; ++i) write(dir / fmt::format("f{}.py", i), python_with("word", 1));
+  write(dir / "z.py", "WORD = 1\n");
   const std::string repo = dir.path().string();
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
     int pipe_fds[2];
@@ -462,6 +463,8 @@ TEST(ProgramTest, SignalsStopABuildCleanly) {
   ASSERT_EQ(quilma_db({"index", "-q", repo}).told, "0 ");
   EXPECT_EQ(quilma_db({"search", "-w", "--limit", "1", "word", repo}).out,
             "f0.py:1:    word = compute(1)\n");
+  // Every file is a candidate (the index folds case), and only the last one matches.
+  EXPECT_EQ(quilma_db({"search", "-w", "WORD", repo}).out, "z.py:1:WORD = 1\n");
 }
 
 TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {
