@@ -362,6 +362,13 @@ TEST_F(DatabaseTest, PoolLeasesWaitForAConnectionAndCloseWaitsForAllLeasesThenRe
     held.reset();
   }  // joined: the waiter was served
   EXPECT_LT(std::chrono::steady_clock::now() - started, 30s);
+  {  // A lease moved onto another gives that one's connection back.
+    ReaderPool two(path_, 2, {}, 10ms);
+    ReaderPool::Lease first = two.lease();
+    ReaderPool::Lease second = two.lease();
+    first = std::move(second);
+    EXPECT_NO_THROW(const ReaderPool::Lease third = two.lease());
+  }
   // A read connection that fails to close (a statement made outside the binding holds it)
   // is reported once the pool has closed them all.
   std::mutex holding;
