@@ -166,6 +166,11 @@ TEST_F(DatabaseTest, CloseAndPoolLessQueriesWaitForAnotherThreadsTransaction) {
     return attempts(outer);
   }),
             refused);
+  // One that cannot begin (the caller's own BEGIN is open) leaves the writer as it was.
+  db_.execute("BEGIN");
+  EXPECT_THROW(db_.read(count), sqlite::Error);
+  db_.execute("INSERT INTO t (v) VALUES ('written')");
+  db_.execute("ROLLBACK");
   std::future<std::int64_t> other;
   EXPECT_THROW(db_.transaction([&](Cursor& cursor) {
     cursor.execute("INSERT INTO t (v) VALUES ('rolled back')");
