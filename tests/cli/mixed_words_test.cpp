@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "support/temp_dir.h"
+#include "support/utf8.h"
 
 #include "quilma/sqlite/connection.h"
 #include "quilma/sqlite/cursor.h"
@@ -17,20 +18,7 @@
 namespace quilma::cli {
 namespace {
 
-std::string utf8(char32_t c) {
-  std::string out;
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  }
-  return out;
-}
+using testing::utf8;
 
 TEST(MixedWordsTest, KindsAgreeWithTheTokenizerAndFoldedWordsAreListed) {
   // Every character of the Basic Multilingual Plane up to the surrogates that kind_of() claims

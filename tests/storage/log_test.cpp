@@ -10,10 +10,14 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include "support/utf8.h"
+
 #include "quilma/sqlite/error.h"
 
 namespace quilma::storage::detail {
 namespace {
+
+using testing::utf8;
 
 TEST(LogTest, ValuesFormatsAndErrorsRenderAsAPythonCallerWouldWriteThem) {
   const std::pair<std::optional<std::string_view>, std::string_view> reprs[] = {
@@ -28,20 +32,6 @@ TEST(LogTest, ValuesFormatsAndErrorsRenderAsAPythonCallerWouldWriteThem) {
   };
   for (const auto& [text, shown] : reprs) EXPECT_EQ(repr(text), shown);
   // Each end of each range that is escaped, and a printable character beside it.
-  const auto utf8 = [](char32_t code) {
-    std::string text;
-    if (code < 0x800) {
-      text = {static_cast<char>(0xC0 | code >> 6), static_cast<char>(0x80 | (code & 0x3F))};
-    } else if (code < 0x10000) {
-      text = {static_cast<char>(0xE0 | code >> 12), static_cast<char>(0x80 | (code >> 6 & 0x3F)),
-              static_cast<char>(0x80 | (code & 0x3F))};
-    } else {
-      text = {static_cast<char>(0xF0 | code >> 18), static_cast<char>(0x80 | (code >> 12 & 0x3F)),
-              static_cast<char>(0x80 | (code >> 6 & 0x3F)),
-              static_cast<char>(0x80 | (code & 0x3F))};
-    }
-    return text;
-  };
   for (const char32_t code : {0xA0, 0xAD, 0x2000, 0x200F, 0x2028, 0x202F, 0x205F, 0x206F, 0x3000,
                               0xE000, 0xF8FF, 0xFEFF, 0xFFF9, 0xFFFB, 0xF0000}) {
     const std::string escaped = code <= 0xFF     ? fmt::format("\\x{:02x}", +code)
