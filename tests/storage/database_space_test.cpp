@@ -216,15 +216,13 @@ TEST_F(SpaceTest, TheLogIsShrunkWithoutWaitingAndRestartedByAWriterWhenReadersNe
 
   // A reader that lets go while the committing writer waits for it: the log, past its bound,
   // starts again from its beginning before it is twice as large.
+  snapshot.execute("BEGIN");
+  snapshot.execute("SELECT COUNT(*) FROM bulk").fetchall();
+  for (int i = 0; i < 15; ++i) db.execute("INSERT INTO bulk VALUES (zeroblob(1048576))");
   {
-    sqlite::Connection held(path_, {.read_only = true});
-    sqlite::Cursor cursor = held.cursor();
-    cursor.execute("BEGIN");
-    cursor.execute("SELECT COUNT(*) FROM bulk").fetchall();
-    for (int i = 0; i < 15; ++i) db.execute("INSERT INTO bulk VALUES (zeroblob(1048576))");
-    const std::jthread release([&cursor] {
+    const std::jthread release([&snapshot] {
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
-      cursor.execute("COMMIT");
+      snapshot.execute("COMMIT");
     });
     write_mib(2);
     EXPECT_LT(wal(), 4 * MiB);
