@@ -325,9 +325,10 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
   EXPECT_EQ(json::parse(split(touching).at(0)).at("matches"), json::parse("[[0, 5], [5, 11]]"));
   EXPECT_NE(touching.find("\xc3\xa9 needle"), std::string::npos);
   // A limit that cuts the result says so on stderr, and only then.
-  const Result limited = in_repo({"search", "--limit", "2", "value_*"});
-  EXPECT_EQ(limited.told + std::to_string(split(limited.out).size()),
-            "0 quilma-db: showing the first 2 matching lines; more match (--limit N, or --all)\n2");
+  const Result limited = in_repo({"search", "--limit", "10", "value_*"});
+  EXPECT_EQ(
+      limited.told + std::to_string(split(limited.out).size()),
+      "0 quilma-db: showing the first 10 matching lines; more match (--limit N, or --all)\n10");
   EXPECT_EQ(
       in_repo({"search", "-w", "-C", "1", "--limit", "1", "-e", "value_10", "-e", "value_13"}).told,
       "0 quilma-db: showing the first 1 matching lines; more match (--limit N, or --all)\n");
@@ -669,7 +670,7 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     write(dir() / "rare/folded \xc3\xa0 \"quoted\".txt",
           "d\xc3\xa9j\xc3\xa0Zorblax end\n\xc3\x89zorblax\n");
     write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n0Zorblax\n");
-    write(dir() / "rare/inside.txt", "xZorblax\n");
+    write(dir() / "rare/inside.txt", "xZorblax\na---\n");
     write(dir() / "rare/last.txt", "x\nHALL");  // a match that ends the file
     // Letters whose case reaches beyond ASCII: the Kelvin sign, the long s.
     write(dir() / "rare/fold.txt", "\xe2\x84\xaa\x65lvin test \xc5\xbfun\nkelvin sun\n");
@@ -720,6 +721,7 @@ INSTANTIATE_TEST_SUITE_P(
         std::pair{Args{"-w", "-e", "send_file", "-e", "x1"}, ""},
         std::pair{Args{"-E", "comm[a-z]+"}, ""}, std::pair{Args{"-E", "Zorblax|HALL"}, ""},
         std::pair{Args{"-E", "Ha(llxyzw)?ll"}, ""}, std::pair{Args{"-E", "-w", "^commit"}, ""},
+        std::pair{Args{"-w", "--"}, ""}, std::pair{Args{"-E", "q?C"}, ""},
         std::pair{Args{"-w", "-C", "1", "Hall"}, ""}, std::pair{Args{"-w", "absent"}, ""},
         std::pair{Args{"-w", "commit"}, "sub"}));
 

@@ -153,6 +153,7 @@ TEST_F(DatabaseTest, CloseAndPoolLessQueriesWaitForAnotherThreadsTransaction) {
   testing::ScopedEnv none("QUILMA_DB_READERS", "0");
   open();
   ASSERT_EQ(Peer::readers(db_), nullptr);
+  EXPECT_EQ(db_.fetchone("SELECT path_glob('src/*', 'src/a.py')").value()[0].as_int(), 1);
   // On the writer, a read() inside a read() joins it, and neither can lift query_only.
   const auto attempts = [&](Cursor& cursor) {
     return Strings{
