@@ -207,9 +207,11 @@ TEST_F(IndexedRepoTest, JsonAndPlainAnswersAndCheckNamesWhatIsDamaged) {
 
   // Each file has an anchor symbol that spans it; chunks say whether they hold the text as is.
   const fs::path file = index_ / "index.db";
-  storage::Database db(file);
-  open_database(db);
-  const auto first = [&db](const char* sql) { return db.fetchone(sql).value()[0]; };
+  storage::Database held(file);  // open throughout: the file keeps its log
+  open_database(held);
+  const auto first = [&file](const char* sql) {
+    return sqlite::Connection(file).cursor().execute(sql).fetchone().value()[0];
+  };
   EXPECT_EQ(first("SELECT group_concat(s.name || ' ' || s.line || '-' || s.end_line || ' ' "
                   "|| ifnull(f.language, '-') || ' ' || (SELECT group_concat(DISTINCT "
                   "exact) FROM code_chunks WHERE rowid >> 20 = f.id), ', ') FROM symbols s "
@@ -253,16 +255,9 @@ TEST_F(IndexedRepoTest, JsonAndPlainAnswersAndCheckNamesWhatIsDamaged) {
                           "mixed-script words yet)"),
             std::string::npos);
   // Damage that only the swap meets, in a table that nothing before it reads.
-  const std::int64_t symbols_root = sqlite::Connection(file)
-                                        .cursor()
-                                        .execute(
-                                            "SELECT rootpage FROM sqlite_schema WHERE "
-                                            "name = 'symbols'")
-                                        .fetchone()
-                                        .value()[0]
-                                        .as_int();
+  const auto symbols_root = first("SELECT rootpage FROM sqlite_schema WHERE name = 'symbols'");
   std::fstream(file, std::ios::in | std::ios::out)
-      .seekp((symbols_root - 1) * 8192)
+      .seekp((symbols_root.as_int() - 1) * 8192)
       .write("\0", 1);  // no kind of page
   // The swap's own error is named: the run did not start over.
   EXPECT_TRUE(in_repo({"index", "-q", "--full"})

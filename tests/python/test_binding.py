@@ -226,6 +226,15 @@ def test_rows_leave_nothing_behind(db):
     assert sys.getallocatedblocks() - blocks < 100
 
 
+def all_end(threads, seconds):
+    """Runs the threads together; whether every one ended within `seconds` of its start."""
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join(timeout=seconds)
+    return not any(t.is_alive() for t in threads)
+
+
 def test_a_thread_waiting_for_the_lock_holds_no_gil(db):
     inside, writer_waiting = threading.Event(), threading.Event()
     done = []
@@ -242,12 +251,8 @@ def test_a_thread_waiting_for_the_lock_holds_no_gil(db):
         db.execute("INSERT INTO files (path) VALUES ('b')")  # waits for owner's transaction
         done.append(db.fetchone("SELECT count(*) FROM files")[0])
 
-    threads = [threading.Thread(target=owner), threading.Thread(target=writer)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join(timeout=30)
-    assert not any(t.is_alive() for t in threads) and done == [2]
+    assert all_end([threading.Thread(target=owner), threading.Thread(target=writer)], 30)
+    assert done == [2]
 
 
 def test_many_threads_mix_every_kind_of_call(tmp_path):
@@ -278,12 +283,7 @@ def test_many_threads_mix_every_kind_of_call(tmp_path):
 
         works = [write, read, read, lambda i: db.swap_index_from(staging),
                  lambda i: db.compact(), lambda i: db.get_stats()]
-        threads = [threading.Thread(target=run, args=(w,)) for w in works]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join(timeout=120)
-        assert not any(t.is_alive() for t in threads), "deadlock"
+        assert all_end([threading.Thread(target=run, args=(w,)) for w in works], 120), "deadlock"
     assert errors == []
 
 
