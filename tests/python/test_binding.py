@@ -75,6 +75,7 @@ def test_row_and_cursor(db):
     again = db.fetchone(sql="SELECT 1 AS IdZz, 'ab' AS name", params=())
     assert again == first and not again != first and hash(again) == hash(first)
     assert again != rows[1] and again != (1, "ab") and isinstance(first, Row)
+    assert db.fetchone("SELECT 1 AS a, 'ab' AS b") != first  # other names
     with pytest.raises(TypeError):
         first < again
     with pytest.raises(IndexError):
@@ -158,6 +159,9 @@ def test_paths_and_names_unchanged_and_not_utf8(tmp_path):
         row = db.fetchone("SELECT * FROM t")
         assert row["X"] == 2 and row.keys() == ["\udcff", "x"]
         db.record_error("\udcff.py", "t")
+        db.record_error("\udcff.py", "u")
+        db.clear_file_errors("\udcff.py", "u")  # that type alone
+        assert db.get_error_count() == 1
         assert db.fetchone("SELECT file_path FROM index_errors")[0] == "\udcff.py"
     assert os.path.exists(bytes(tmp_path) + b"/\xff.db")
 
