@@ -74,6 +74,7 @@ def test_row_and_cursor(db):
     assert sys.getrefcount(name) == references
     again = db.fetchone(sql="SELECT 1 AS IdZz, 'ab' AS name", params=())
     assert again == first and not again != first and hash(again) == hash(first)
+    assert hash(again) != hash(rows[1])
     assert again != rows[1] and again != (1, "ab") and isinstance(first, Row)
     assert db.fetchone("SELECT 1 AS a, 'ab' AS b") != first  # other names
     with pytest.raises(TypeError):
@@ -84,7 +85,8 @@ def test_row_and_cursor(db):
     get_item.restype, get_item.argtypes = ctypes.py_object, (ctypes.py_object, ctypes.c_ssize_t)
     with pytest.raises(IndexError):
         get_item(first, 2)
-    assert db.connection.cursor().rowcount == -1
+    fresh = db.connection.cursor()
+    assert fresh.rowcount == -1 and fresh.lastrowid is None
     cur = db.execute("INSERT INTO components (name) VALUES (?)", ("c",))
     assert (cur.rowcount, cur.lastrowid, cur.description) == (1, 1, None)
     assert db.executemany("INSERT INTO components (name) VALUES (?)", [("d",), ("e",)]).rowcount == 2
