@@ -219,14 +219,12 @@ TEST_F(SpaceTest, TheLogIsShrunkWithoutWaitingAndRestartedByAWriterWhenReadersNe
   snapshot.execute("BEGIN");
   snapshot.execute("SELECT COUNT(*) FROM bulk").fetchall();
   for (int i = 0; i < 15; ++i) db.execute("INSERT INTO bulk VALUES (zeroblob(1048576))");
-  {
-    const std::jthread release([&snapshot] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(200));
-      snapshot.execute("COMMIT");
-    });
-    write_mib(2);
-    EXPECT_LT(wal(), 4 * MiB);
-  }
+  const std::jthread release([&snapshot] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    snapshot.execute("COMMIT");
+  });
+  write_mib(2);
+  EXPECT_LT(wal(), 4 * MiB);
 
   // Two readers that take turns so that one always has a snapshot: the automatic checkpoint
   // never finishes, and the writer that finds the log past its bound restarts it.
