@@ -59,12 +59,8 @@ TEST(MixedWordsTest, KindsAgreeWithTheTokenizerAndFoldedWordsAreListed) {
                         "\xe4\xb8\x80"
                         "commit_\xc3\xa9"
                         "9 d\xc3\xa9j\xc3\xa0vu \xff\xc3\xa9x"),
-            (std::vector<std::string>{"d\xc3\xa9j\xc3\xa0vu",
-                                      "\xc3\xa9"
-                                      "9",
-                                      "\xc3\xa9t\xc3\xa9", "\xc3\xa9x",
-                                      "\xe4\xb8\x80"
-                                      "commit"}));
+            (std::vector<std::string>{"d\xc3\xa9j\xc3\xa0vu", "\u00e99", "\xc3\xa9t\xc3\xa9",
+                                      "\xc3\xa9x", "\u4e00commit"}));
 }
 
 }  // namespace
