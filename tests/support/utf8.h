@@ -6,7 +6,7 @@
 namespace quilma::testing {
 
 inline std::string utf8(char32_t code) {
-  if (code < 0x80) return std::string(1, static_cast<char>(code));
+  if (code < 0x80) return {static_cast<char>(code)};
   if (code < 0x800) {
     return {static_cast<char>(0xC0 | code >> 6), static_cast<char>(0x80 | (code & 0x3F))};
   }
