@@ -165,6 +165,9 @@ TEST_F(DatabaseIndexTest, SwapReplacesTheIndexWithTheStagingBuild) {
 TEST_F(DatabaseIndexTest, AStagingFileThisProcessMayNotWriteIsCheckedWithoutWritingIt) {
   db_.close();
   build_staging(staging_);
+  // A fault that only the chunks' check would find: unchecked, the chunks are tokenised again.
+  sqlite::Connection(staging_).cursor().execute(
+      "UPDATE code_chunks_content SET c0 = 'changed' WHERE id = 105906176");
   std::filesystem::permissions(dir_.path(), std::filesystem::perms::all);
   const std::filesystem::path live = dir_ / "index.db";
   testing::give_to_nobody(dir_.path());
@@ -175,7 +178,7 @@ TEST_F(DatabaseIndexTest, AStagingFileThisProcessMayNotWriteIsCheckedWithoutWrit
               return db.swap_index_from(staging_).back() == std::pair{"code_chunks"s, 6L} &&
                      testing::number(db,
                                      "SELECT COUNT(*) FROM code_chunks WHERE code_chunks "
-                                     "MATCH 'new_fn1313'") > 0;
+                                     "MATCH 'changed'") > 0;
             }),
             0);
   testing::open_fully(db_);
