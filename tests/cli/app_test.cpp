@@ -717,8 +717,8 @@ INSTANTIATE_TEST_SUITE_P(
         std::pair{Args{"-E", "comm[a-z]+"}, ""}, std::pair{Args{"-E", "Zorblax|HALL"}, ""},
         std::pair{Args{"-E", "Ha(llxyzw)?ll"}, ""}, std::pair{Args{"-E", "-w", "^commit"}, ""},
         std::pair{Args{"-w", "--"}, ""}, std::pair{Args{"-E", "q?C"}, ""},
-        std::pair{Args{"-w", "-C", "1", "Hall"}, ""}, std::pair{Args{"-w", "absent"}, ""},
-        std::pair{Args{"-w", "commit"}, "sub"}));
+        std::pair{Args{"-E", "Zorblaxq*"}, ""}, std::pair{Args{"-w", "-C", "1", "Hall"}, ""},
+        std::pair{Args{"-w", "absent"}, ""}, std::pair{Args{"-w", "commit"}, "sub"}));
 
 TEST(SourceFileTest, LanguageFromNameOrExtension) {
   EXPECT_EQ(language_of("src/a.py"), "python");
