@@ -358,6 +358,10 @@ TEST_F(DatabaseTest, PoolLeasesWaitForAConnectionAndCloseWaitsForAllLeasesThenRe
   EXPECT_EQ(error_of<ReaderUnavailable>([&] { pool.lease(); }),
             "the read connections of " + path_.string() + " are closed");
   EXPECT_THROW(ReaderPool(dir_ / "missing.db", 1).lease(), ReaderUnavailable);
+  // A connection whose set-up throws goes back to the pool unmade: the next lease tries anew.
+  ReaderPool unmade(
+      path_, 1, [](sqlite::Connection&) { throw std::logic_error("set-up"); }, 10ms);
+  for (int i = 0; i < 2; ++i) EXPECT_THROW(unmade.lease(), std::logic_error);
   // A waiting lease is served once a connection comes back, not when its wait runs out.
   const auto started = std::chrono::steady_clock::now();
   {
