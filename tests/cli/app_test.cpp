@@ -313,6 +313,7 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
   // A long line is printed whole, and JSON offsets point into it.
   const json needle = json::parse(in_repo({"search", "--json", "needle"}).out);
   EXPECT_EQ(needle["text"].get<std::string>().substr(needle["matches"][0][0], 6), "needle");
+  EXPECT_FALSE(needle.contains("before"));  // no context asked for
   // Matches of several patterns come in their order in the line, those that touch included;
   // JSON keeps text beyond ASCII as it is.
   const std::string touching =
