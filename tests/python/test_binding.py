@@ -228,8 +228,7 @@ def test_rows_leave_nothing_behind(db):
     assert sys.getallocatedblocks() - blocks < 100
 
 
-def all_end(threads, seconds):
-    """Runs the threads together; whether every one ended within `seconds` of its start."""
+def all_end(threads, seconds):  # whether every thread, all started at once, ended in time
     for thread in threads:
         thread.start()
     for thread in threads:
