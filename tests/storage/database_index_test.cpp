@@ -189,10 +189,8 @@ TEST_F(DatabaseIndexTest, AStagingFileThisProcessMayNotWriteIsCheckedWithoutWrit
 // nobody changed since: a fault that only that check finds goes through.
 TEST_F(DatabaseIndexTest, AStagingBuildOfThisProcessIsSparedTheChunkCheck) {
   build_staging(staging_);
-  {
-    sqlite::Connection staging(staging_);
-    staging.cursor().execute("UPDATE code_chunks_content SET c0 = 'changed' WHERE id = 105906176");
-  }
+  sqlite::Connection(staging_).cursor().execute(
+      "UPDATE code_chunks_content SET c0 = 'changed' WHERE id = 105906176");
   storage::note_built_here(staging_);
   EXPECT_EQ(db_.swap_index_from(staging_).back(), (std::pair{std::string("code_chunks"), 6L}));
   EXPECT_EQ(rows("code_chunks WHERE code_chunks MATCH 'changed'"), 0);  // copied, not tokenised

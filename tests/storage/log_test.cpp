@@ -17,9 +17,6 @@
 namespace quilma::storage::detail {
 namespace {
 
-using ::testing::AllOf;
-using ::testing::HasSubstr;
-using ::testing::Not;
 using testing::utf8;
 
 TEST(LogTest, ValuesFormatsAndErrorsRenderAsAPythonCallerWouldWriteThem) {
@@ -67,7 +64,8 @@ TEST(LogTest, OnlyWarningsAndErrorsReachStandardError) {
   module_logger("quilma.test.quiet")->info("an info line");
   module_logger("quilma.test.quiet")->warn("a warning line");
   EXPECT_THAT(::testing::internal::GetCapturedStderr(),
-              AllOf(HasSubstr("a warning line"), Not(HasSubstr("an info line"))));
+              ::testing::AllOf(::testing::HasSubstr("a warning line"),
+                               ::testing::Not(::testing::HasSubstr("an info line"))));
 }
 
 }  // namespace
