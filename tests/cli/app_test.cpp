@@ -675,7 +675,8 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
           "d\xc3\xa9j\xc3\xa0Zorblax end\n\xc3\x89zorblax\n");
     write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n0Zorblax\n");
     write(dir() / "rare/inside.txt", "xZorblax\na---\n");
-    write(dir() / "rare/last.txt", "x\nHALL");  // a match that ends the file
+    write(dir() / "rare/last.txt", "x\nHALL");    // a match that ends the file
+    write(dir() / "rare/blank.txt", "Hall\n\n");  // and one before an empty last line
     // Letters whose case reaches beyond ASCII: the Kelvin sign, the long s.
     write(dir() / "rare/fold.txt", "\xe2\x84\xaa\x65lvin test \xc5\xbfun\nkelvin sun\n");
     ASSERT_EQ(shell(git() + "init -q && " + git() + "add -A"), "0 ");

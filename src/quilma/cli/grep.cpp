@@ -311,8 +311,8 @@ std::optional<Span> LineMatcher::first_match(const Pattern& pattern, std::string
   return std::nullopt;
 }
 
-std::vector<Span> LineMatcher::match(std::string_view line) const {
-  std::vector<Span> spans;
+void LineMatcher::match(std::string_view line, std::vector<Span>& spans) const {
+  spans.clear();
   for (const auto& pattern : compiled_) {
     for (std::size_t from = 0; from <= line.size();) {
       const std::optional<Span> found = first_match(*pattern, line, from);
@@ -330,7 +330,6 @@ std::vector<Span> LineMatcher::match(std::string_view line) const {
     }
     spans = std::move(kept);
   }
-  return spans;
 }
 
 void LineMatcher::scan(
@@ -340,6 +339,7 @@ void LineMatcher::scan(
   // candidate.
   std::vector<std::size_t> next(compiled_.size(), 0);
   std::vector<bool> stale(compiled_.size(), true);
+  std::vector<Span> matches;  // reused from line to line
   const auto find_needle = [&](const Pattern& pattern, std::size_t from) -> std::size_t {
     if (pattern.needle.empty()) return from;
     if (!options_.ignore_case) return find_bytes(text, pattern.needle, from);
@@ -363,7 +363,7 @@ void LineMatcher::scan(
     const std::size_t begin =
         previous == std::string_view::npos || previous < line_begin ? line_begin : previous + 1;
     const std::size_t end = std::min(text.find('\n', candidate), text.size());
-    std::vector<Span> matches = match(text.substr(begin, end - begin));
+    match(text.substr(begin, end - begin), matches);
     if (!matches.empty() && !found(begin, end, matches)) return;
     line_begin = end + 1;
   }
@@ -406,9 +406,11 @@ void read_indexed(sqlite::Cursor& cursor, std::span<const Candidate> files,
                   std::vector<std::string>& texts) {
   using storage::core_schema::chunk_rowid;
   using storage::core_schema::CHUNKS_PER_FILE;
+  // A chunk's text leaves out the '\n' that ends its last line: put back, the file's last line
+  // stays a line even when it is empty.
   const auto append = [](std::string& text, std::string_view chunk) {
-    if (!text.empty()) text += '\n';
     text += chunk;
+    text += '\n';
   };
   std::map<std::int64_t, std::size_t> at;  // file id -> index in `files`
   for (std::size_t i = 0; i < files.size(); ++i) {
@@ -453,37 +455,44 @@ void grep_text(const LineMatcher& matcher, std::string_view text, const GrepRequ
   const std::int64_t context = request.context;
   if (text.empty()) return;
   if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+  const auto add = [&](std::int64_t number, std::size_t begin, std::size_t end,
+                       std::vector<Span>& matches) {
+    const std::string_view line = text.substr(begin, end - begin);
+    if (request.render) {
+      const std::size_t at = file.rendered.size();
+      request.render(file.rendered, file.path, number, line, matches);
+      file.lines.push_back({.number = number,
+                            .context = matches.empty(),
+                            .rendered_begin = at,
+                            .rendered_size = file.rendered.size() - at});
+    } else {
+      file.lines.push_back({.number = number,
+                            .context = matches.empty(),
+                            .text = std::string(line),
+                            .matches = std::move(matches)});
+    }
+  };
   struct Found {
     std::int64_t line;
     std::size_t begin;
     std::size_t end;
     std::vector<Span> matches;
   };
-  std::vector<Found> found;
+  std::vector<Found> found;  // with context: the matches, before any line is added
   std::int64_t line = 1;
   std::size_t counted = 0;  // the offset where line `line` starts
   matcher.scan(text, [&](std::size_t begin, std::size_t end, std::vector<Span>& matches) {
     line += count_lines(text, counted, begin);
     counted = begin;
-    found.push_back({line, begin, end, std::move(matches)});
+    ++file.matched;
+    if (context == 0) {
+      add(line, begin, end, matches);
+    } else {
+      found.push_back({line, begin, end, matches});
+    }
     return true;
   });
-  file.matched = static_cast<std::int64_t>(found.size());
   if (found.empty()) return;
-  const auto add = [&](std::int64_t number, std::size_t begin, std::size_t end,
-                       std::vector<Span> matches) {
-    const std::string_view line = text.substr(begin, end - begin);
-    if (request.render) {
-      std::string rendered = request.render(file.path, number, line, matches);
-      file.lines.push_back({number, std::string(), std::move(matches), std::move(rendered)});
-    } else {
-      file.lines.push_back({number, std::string(line), std::move(matches), std::string()});
-    }
-  };
-  if (context == 0) {
-    for (Found& hit : found) add(hit.line, hit.begin, hit.end, std::move(hit.matches));
-    return;
-  }
   std::vector<std::size_t> starts{0};  // where each line begins; [0] is line 1
   for (std::size_t at = text.find('\n'); at != std::string_view::npos;
        at = text.find('\n', at + 1)) {
@@ -496,18 +505,19 @@ void grep_text(const LineMatcher& matcher, std::string_view text, const GrepRequ
     return std::pair{begin, index + 1 < starts.size() ? starts[index + 1] - 1 : text.size()};
   };
   std::int64_t printed = 0;
+  std::vector<Span> none;  // a context line's matches
   for (std::size_t i = 0; i < found.size(); ++i) {
     for (std::int64_t n = std::max(printed + 1, found[i].line - context); n < found[i].line; ++n) {
       const auto [begin, end] = bounds(n);
-      add(n, begin, end, {});
+      add(n, begin, end, none);
     }
-    add(found[i].line, found[i].begin, found[i].end, std::move(found[i].matches));
+    add(found[i].line, found[i].begin, found[i].end, found[i].matches);
     printed = found[i].line;
     const std::int64_t stop = std::min({found[i].line + context, last_line,
                                         i + 1 < found.size() ? found[i + 1].line - 1 : last_line});
     for (std::int64_t n = printed + 1; n <= stop; ++n) {
       const auto [begin, end] = bounds(n);
-      add(n, begin, end, {});
+      add(n, begin, end, none);
       printed = n;
     }
   }

@@ -42,8 +42,9 @@ class LineMatcher {
   LineMatcher(const LineMatcher&) = delete;
   LineMatcher& operator=(const LineMatcher&) = delete;
 
-  // The matches in `line` (which holds no '\n'), in order; empty when the line does not match.
-  std::vector<Span> match(std::string_view line) const;
+  // The matches in `line` (which holds no '\n'), in order, into `spans` (emptied first; left
+  // empty when the line does not match).
+  void match(std::string_view line, std::vector<Span>& spans) const;
   // Calls `found(begin, end)` for each line of `text` (lines end at '\n') that matches, in
   // order, until it returns false. Lines that hold no literal a match needs are skipped unread.
   void scan(std::string_view text,
@@ -67,9 +68,12 @@ class LineMatcher {
 // One printed line of a file: a match, or a context line around one.
 struct GrepLine {
   std::int64_t number = 0;
-  std::string text;           // empty when `rendered` holds the line
-  std::vector<Span> matches;  // empty for a context line
-  std::string rendered;       // the line as GrepRequest::render wrote it, when it has one
+  bool context = false;       // a line around a match rather than one
+  std::string text;           // empty when GrepRequest::render wrote the line
+  std::vector<Span> matches;  // empty when GrepRequest::render wrote the line
+  // Where GrepRequest::render wrote the line in its file's `rendered`.
+  std::size_t rendered_begin = 0;
+  std::size_t rendered_size = 0;
 };
 
 // The lines a file gave, in order. Lines whose numbers do not follow on start a new group.
@@ -77,6 +81,7 @@ struct GrepFile {
   std::string path;  // relative to the scope
   std::vector<GrepLine> lines;
   std::int64_t matched = 0;  // lines that matched, context lines aside
+  std::string rendered;      // the lines as GrepRequest::render wrote them, one after another
 };
 
 struct GrepRequest {
@@ -90,10 +95,11 @@ struct GrepRequest {
   // these is not read. Those of `from_disk` are read as they are now instead.
   std::unordered_set<std::string> stale;
   std::vector<std::string> from_disk;
-  // The line as it will be printed, from a file's path (relative to the scope), the line's
-  // number, text and matches; runs on the scanning threads. Without it, lines keep their text.
-  std::function<std::string(std::string_view path, std::int64_t number, std::string_view text,
-                            const std::vector<Span>& matches)>
+  // Appends the line as it will be printed to `out`, from a file's path (relative to the
+  // scope), the line's number, text and matches; runs on the scanning threads. Without it,
+  // lines keep their text.
+  std::function<void(std::string& out, std::string_view path, std::int64_t number,
+                     std::string_view text, const std::vector<Span>& matches)>
       render;
 };
 

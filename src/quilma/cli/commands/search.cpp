@@ -73,8 +73,8 @@ namespace fs = std::filesystem;
 
 // A line as grep prints it: "path:N:text" for a match, "path-N-text" for context, the path
 // quoted as git quotes it.
-std::string grep_line(std::string_view path, std::int64_t number, std::string_view text,
-                      const std::vector<Span>& matches, bool marked) {
+void append_grep_line(std::string& line, std::string_view path, std::int64_t number,
+                      std::string_view text, const std::vector<Span>& matches, bool marked) {
   const char separator = matches.empty() ? '-' : ':';
   // A file's lines come one after another: its path is shown once for all of them.
   thread_local std::string last_path;
@@ -84,8 +84,7 @@ std::string grep_line(std::string_view path, std::int64_t number, std::string_vi
     last_shown = quoted_path(path);
   }
   const fmt::format_int digits(number);
-  std::string line;
-  line.reserve(last_shown.size() + digits.size() + text.size() + 3 +
+  line.reserve(line.size() + last_shown.size() + digits.size() + text.size() + 3 +
                (marked ? matches.size() * 11 : 0));
   line.append(last_shown).append(1, separator).append(digits.data(), digits.size());
   line += separator;
@@ -100,12 +99,13 @@ std::string grep_line(std::string_view path, std::int64_t number, std::string_vi
   }
   line.append(text, from);
   line += '\n';
-  return line;
 }
 
 void print_grep_line(const Command& command, std::string_view path, std::int64_t number,
                      std::string_view text, const std::vector<Span>& matches, bool marked) {
-  command.io().out << grep_line(path, number, text, matches, marked);
+  std::string line;
+  append_grep_line(line, path, number, text, matches, marked);
+  command.io().out << line;
 }
 
 // Where the search runs: the repository the index holds, and REPO's directory under it.
@@ -161,9 +161,9 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
   }
   const bool marked = command.colour();
   if (!options.json && !options.files_only && !options.counts) {
-    request.render = [marked](std::string_view path, std::int64_t number, std::string_view text,
-                              const std::vector<Span>& matches) {
-      return grep_line(path, number, text, matches, marked);
+    request.render = [marked](std::string& out, std::string_view path, std::int64_t number,
+                              std::string_view text, const std::vector<Span>& matches) {
+      append_grep_line(out, path, number, text, matches, marked);
     };
   }
   const bool per_file = options.files_only || options.counts;
@@ -190,33 +190,46 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
     }
     std::int64_t previous = -1;
     std::int64_t last_match = 0;
+    // The rendered lines not yet written: consecutive in the file's buffer, written at once.
+    std::size_t unwritten = 0;
+    std::size_t written = 0;
+    const auto write = [&] {
+      command.io().out.write(file.rendered.data() + written,
+                             static_cast<std::streamsize>(unwritten - written));
+      written = unwritten;
+    };
     for (const GrepLine& line : file.lines) {
       // Past the limit only the context after the last match shown is printed, as with grep -m;
       // a line further on leads to a match that is not shown.
       if (limit && printed >= *limit &&
-          (!line.matches.empty() || line.number > last_match + request.context)) {
+          (!line.context || line.number > last_match + request.context)) {
         cut = true;
+        write();
         return false;
       }
       if (options.json) {
         json object{{"path", file.path}, {"line", line.number}, {"text", line.text}};
-        if (line.matches.empty()) {
+        if (line.context) {
           object["context"] = true;
         } else {
           object["matches"] = line.matches;
         }
         command.print_line(object);
       } else {
-        if (request.context > 0 && !first_group && line.number != previous + 1) command.print("--");
-        command.io().out << line.rendered;
+        if (request.context > 0 && !first_group && line.number != previous + 1) {
+          write();
+          command.print("--");
+        }
+        unwritten = line.rendered_begin + line.rendered_size;
       }
       first_group = false;
       previous = line.number;
-      if (!line.matches.empty()) {
+      if (!line.context) {
         ++printed;
         last_match = line.number;
       }
     }
+    write();
     if (command.io().out_is_terminal) command.io().out.flush();
     return true;
   });
