@@ -256,14 +256,16 @@ std::optional<Changes> changed_since_index(storage::Database& db) {
   return compare(*known, now, repo, listed.paths);
 }
 
+void tell_changes_unknown(const storage::Database& db, std::ostream& err) {
+  fmt::print(err,
+             "quilma-db: cannot tell which files changed since {} was built (an index from "
+             "an older quilma-db, or its repository moved); run 'quilma-db index'\n",
+             db.db_path().string());
+}
+
 std::optional<Changes> changed_since_index(storage::Database& db, std::ostream& err, bool quiet) {
   std::optional<Changes> changes = changed_since_index(db);
-  if (!changes && !quiet) {
-    fmt::print(err,
-               "quilma-db: cannot tell which files changed since {} was built (an index from "
-               "an older quilma-db, or its repository moved); run 'quilma-db index'\n",
-               db.db_path().string());
-  }
+  if (!changes && !quiet) tell_changes_unknown(db, err);
   return changes;
 }
 

@@ -82,6 +82,8 @@ std::optional<Changes> changed_since_index(storage::Database& db);
 
 // The same, saying on `err` (unless `quiet`) when the changes cannot be told.
 std::optional<Changes> changed_since_index(storage::Database& db, std::ostream& err, bool quiet);
+// Says on `err` that the files changed since the index of `db` was built cannot be told.
+void tell_changes_unknown(const storage::Database& db, std::ostream& err);
 
 // At most this many changed files are searched directly; with more, a search says how many
 // changed and that `quilma-db index` brings the index up to date.

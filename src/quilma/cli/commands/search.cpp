@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <map>
 #include <optional>
 #include <string>
@@ -149,16 +150,21 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
       .stale = {},
       .from_disk = {},
       .render = {}};
+  // The check for files changed since the index was built runs beside the scan of the index's
+  // text, and only the first file printed waits for it. When files did change, the scan stops
+  // before printing anything and runs again, without their indexed text and with them as they
+  // are now.
+  std::future<std::optional<Changes>> check;
   if (!options.as_indexed) {
-    if (const std::optional<Changes> changes =
-            changed_since_index(db, command.io().err, options.quiet)) {
-      request.stale.insert(changes->modified.begin(), changes->modified.end());
-      request.stale.insert(changes->removed.begin(), changes->removed.end());
-      request.from_disk = changes->added;
-      request.from_disk.insert(request.from_disk.end(), changes->modified.begin(),
-                               changes->modified.end());
-    }
+    check = std::async(std::launch::async, [&db] { return changed_since_index(db); });
   }
+  std::optional<Changes> changes;
+  const auto index_stands = [&] {  // once the check is done: whether nothing changed
+    if (!check.valid()) return true;
+    changes = check.get();
+    if (!changes && !options.quiet) tell_changes_unknown(db, command.io().err);
+    return !changes || changes->count() == 0;
+  };
   const bool marked = command.colour();
   if (!options.json && !options.files_only && !options.counts) {
     request.render = [marked](std::string& out, std::string_view path, std::int64_t number,
@@ -171,7 +177,12 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
   std::int64_t printed = 0;  // lines (files with -l or -c)
   bool cut = false;
   bool first_group = true;
-  const std::vector<std::string> unmatched = grep(db, request, [&](GrepFile& file) {
+  bool restart = false;
+  const auto print = [&](GrepFile& file) {
+    if (!index_stands()) {
+      restart = true;
+      return false;
+    }
     if (limit && printed >= *limit) {
       cut = true;
       return false;
@@ -232,7 +243,16 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
     write();
     if (command.io().out_is_terminal) command.io().out.flush();
     return true;
-  });
+  };
+  std::vector<std::string> unmatched = grep(db, request, print);
+  if (restart || !index_stands()) {
+    request.stale.insert(changes->modified.begin(), changes->modified.end());
+    request.stale.insert(changes->removed.begin(), changes->removed.end());
+    request.from_disk = changes->added;
+    request.from_disk.insert(request.from_disk.end(), changes->modified.begin(),
+                             changes->modified.end());
+    unmatched = grep(db, request, print);
+  }
   for (const std::string& pathspec : unmatched) {
     fmt::print(command.io().err, "quilma-db: --path '{}' matches no indexed file\n", pathspec);
   }
