@@ -677,6 +677,7 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     write(dir() / "rare/inside.txt", "xZorblax\na---\n");
     write(dir() / "rare/last.txt", "x\nHALL");    // a match that ends the file
     write(dir() / "rare/blank.txt", "Hall\n\n");  // and one before an empty last line
+    write(dir() / "rare/gap.txt", std::string(5000, '\n') + "Hall\n");  // after 5 000 lines
     // Letters whose case reaches beyond ASCII: the Kelvin sign, the long s.
     write(dir() / "rare/fold.txt", "\xe2\x84\xaa\x65lvin test \xc5\xbfun\nkelvin sun\n");
     ASSERT_EQ(shell(git() + "init -q && " + git() + "add -A"), "0 ");
