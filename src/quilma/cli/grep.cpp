@@ -475,16 +475,17 @@ void grep_text(const LineMatcher& matcher, std::string_view text, const GrepRequ
   const auto add = [&](std::int64_t number, std::size_t begin, std::size_t end,
                        std::vector<Span>& matches) {
     const std::string_view line = text.substr(begin, end - begin);
+    const bool around = matches.empty();
     if (request.render) {
       const std::size_t at = file.rendered.size();
       request.render(file.rendered, file.path, number, line, matches);
       file.lines.push_back({.number = number,
-                            .context = matches.empty(),
+                            .context = around,
                             .rendered_begin = at,
                             .rendered_size = file.rendered.size() - at});
     } else {
       file.lines.push_back({.number = number,
-                            .context = matches.empty(),
+                            .context = around,
                             .text = std::string(line),
                             .matches = std::move(matches)});
     }
