@@ -272,8 +272,10 @@ TEST_F(IndexedRepoTest, JsonAndPlainAnswersAndCheckNamesWhatIsDamaged) {
   expect_outputs({{{"search", "plantedIdentifier"}, PLANTED}});
   // An index the service built records no repository: which files changed cannot be told.
   sqlite::Connection(file).cursor().execute("DELETE FROM schema_info WHERE key = 'repository'");
-  EXPECT_NE(in_repo({"search", "plantedIdentifier"}).told.find("cannot tell which files changed"),
-            std::string::npos);
+  for (const Args& search :
+       {Args{"search", "plantedIdentifier"}, Args{"search", "-w", "planted"}}) {
+    EXPECT_NE(in_repo(search).told.find("cannot tell which files changed"), std::string::npos);
+  }
 }
 
 TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
