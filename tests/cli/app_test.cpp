@@ -23,6 +23,7 @@
 #include "support/fault_vfs.h"
 #include "support/temp_dir.h"
 
+#include "quilma/cli/grep.h"
 #include "quilma/cli/indexer.h"
 #include "quilma/cli/source_file.h"
 #include "quilma/storage/core_schema.h"
@@ -469,6 +470,14 @@ TEST(ProgramTest, SignalsStopABuildCleanly) {
             "f0.py:1:    word = compute(1)\n");
   // Every file is a candidate (the index folds case), and only the last one matches.
   EXPECT_EQ(quilma_db({"search", "-w", "WORD", repo}).out, "z.py:1:WORD = 1\n");
+  // A print that throws ends the scan as well: the threads waiting for the printer stop.
+  storage::Database db(dir / "memory/codebase-index/index.db");
+  db.connect();
+  GrepRequest request;
+  request.patterns.patterns = {"word"};
+  request.root = dir.path();
+  EXPECT_THROW(grep(db, request, [](GrepFile&) -> bool { throw std::runtime_error("print"); }),
+               std::runtime_error);
 }
 
 TEST_F(IndexedRepoTest, BadUsageAndFailedOperations) {

@@ -666,14 +666,28 @@ std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
   const unsigned count = request.threads > 0 ? request.threads : std::min(cores, 4U);
   {
     std::vector<std::jthread> threads;
+    // However the printing ends, a print that throws included, the threads are told to stop
+    // before they are joined: they may be waiting for the printer to move on.
+    class Stopper {
+     public:
+      Stopper(std::mutex& mutex, std::condition_variable& changed, bool& stop)
+          : mutex_(mutex), changed_(changed), stop_(stop) {}
+      Stopper(const Stopper&) = delete;
+      Stopper& operator=(const Stopper&) = delete;
+      ~Stopper() {
+        const std::lock_guard hold(mutex_);
+        stop_ = true;
+        changed_.notify_all();
+      }
+
+     private:
+      std::mutex& mutex_;
+      std::condition_variable& changed_;
+      bool& stop_;
+    } const stopper(mutex, changed, stop);
     for (unsigned i = 0; i < std::min<std::size_t>(count, std::max<std::size_t>(batches, 1)); ++i) {
       threads.emplace_back(work);
     }
-    const auto finish = [&] {
-      const std::lock_guard hold(mutex);
-      stop = true;
-      changed.notify_all();
-    };
     for (std::size_t batch = 0; batch < batches; ++batch) {
       std::vector<GrepFile> results;
       {
@@ -691,7 +705,6 @@ std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
       }
       if (!more) break;
     }
-    finish();
   }
   if (failure) std::rethrow_exception(failure);
   return unmatched_specs;
