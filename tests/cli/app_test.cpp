@@ -295,6 +295,7 @@ TEST_F(IndexedRepoTest, SearchOptionsThatGrepUsersExpect) {
        // A pathspec names a directory, or has a '*' that crosses '/', as git's do.
        {{"search", "-w", "-s", "--path", "src", "plantedIdentifier"},
         "src/more.py:3:# plantedIdentifier\n" + PLANTED},
+       {{"search", "-s", "-l", "--path", "src", "planted"}, "src/more.py\nsrc/planted.py\n"},
        {{"search", "-c", "--path", "*.py", "--sort", "path", "value_1*"}, "src/planted.py:32\n"},
        // Every line of a match that spans lines.
        {{"search", "\"beta gamma\""}, "words.txt:1:alpha beta\nwords.txt:2:gamma delta\n"},
