@@ -160,9 +160,10 @@ TEST_F(IndexedRepoTest, FindsPlantedTextAndFollowsEditsOnceARunEnds) {
   expect_outputs({{{"generation"}, "1\n"}, {{"errors"}, errors_before}});
   EXPECT_EQ(ls(), "0 index.db\n");
 
-  // Staging files of runs that did not end are removed; one that a run still holds is not, nor
-  // a file of that name that this tool did not make.
-  for (const std::string name : {"dead01", "dead01-wal", "live01", "mine01", "dead01.txt"})
+  // Staging files of runs that did not end are removed, and a log left without its database;
+  // one that a run still holds is not, nor a file of that name that this tool did not make.
+  for (const std::string name :
+       {"dead01", "dead01-wal", "dead02-wal", "live01", "mine01", "dead01.txt"})
     write(index_ / ("index.db.staging-" + name),
           name.starts_with("dead01") ? std::string("SQLite format 3\0", 16) + "and its pages"
                                      : "a file of its own, no database");
