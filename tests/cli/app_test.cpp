@@ -751,7 +751,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(SourceFileTest, LanguageFromNameOrExtension) {
   // By extension, the indexed files show their languages (JsonAndPlainAnswers...); by name:
   EXPECT_EQ(language_of("sub/Makefile"), "make");
-  EXPECT_EQ(language_of("dir/.py"), std::nullopt);  // a hidden file, not an extension
+  EXPECT_EQ(language_of("dir/.py"), std::nullopt);     // a hidden file, not an extension
+  EXPECT_EQ(language_of("dir/notes."), std::nullopt);  // an empty extension
 }
 
 TEST(SourceFileTest, ChunksCoverEveryLineOnce) {
