@@ -688,7 +688,7 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
     write(dir() / "rare/cjk.txt", "\xe4\xb8\x80\xe6\xac\xa1Zorblax\xe7\x9a\x84\n");
     write(dir() / "rare/folded \xc3\xa0 \"quoted\".txt",
           "d\xc3\xa9j\xc3\xa0Zorblax end\n\xc3\x89zorblax\n");
-    write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n0Zorblax\n");
+    write(dir() / "rare/accent.txt", "Zorblax\xc3\xa9s\n0Zorblax\nAZorblax\n");
     write(dir() / "rare/inside.txt", "xZorblax\na---\n");
     write(dir() / "rare/last.txt", "x\nHALL");    // a match that ends the file
     write(dir() / "rare/blank.txt", "Hall\n\n");  // and one before an empty last line
