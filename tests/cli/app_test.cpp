@@ -247,15 +247,18 @@ TEST_F(IndexedRepoTest, JsonAndPlainAnswersAndCheckNamesWhatIsDamaged) {
   EXPECT_EQ(shell("cd " + index_.string() + " && ls | sed 's/-[0-9TZ]*/-T/'"),
             "0 index.db\nindex.db.damaged-T\nindex.db.damaged-T-wal\n");
   expect_outputs({{{"check"}, "ok\n"}, {{"search", "plantedIdentifier"}, PLANTED}});
-  // An index made before the tool listed mixed-script words is built anew.
+  // An index made before the tool listed mixed-script words is built anew, and one of an older
+  // schema is brought up to this release's.
   storage::Database older(file);
   older.connect();
   older.execute("DROP TABLE mixed_words");
+  older.execute("UPDATE schema_info SET value = '3.0.0' WHERE key = 'version'");
   older.close();
   EXPECT_NE(in_repo({"index", "-q"})
                 .out.find("full build (the index does not list its "
                           "mixed-script words yet)"),
             std::string::npos);
+  EXPECT_EQ(first("SELECT value FROM schema_info WHERE key = 'version'"), sqlite::Value("3.1.0"));
   // Damage that only the swap meets, in a table that nothing before it reads.
   const auto symbols_root = first("SELECT rootpage FROM sqlite_schema WHERE name = 'symbols'");
   std::fstream(file, std::ios::in | std::ios::out)
