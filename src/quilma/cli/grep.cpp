@@ -666,45 +666,40 @@ std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
   const unsigned count = request.threads > 0 ? request.threads : std::min(cores, 4U);
   {
     std::vector<std::jthread> threads;
-    // However the printing ends, a print that throws included, the threads are told to stop
-    // before they are joined: they may be waiting for the printer to move on.
-    class Stopper {
-     public:
-      Stopper(std::mutex& mutex, std::condition_variable& changed, bool& stop)
-          : mutex_(mutex), changed_(changed), stop_(stop) {}
-      Stopper(const Stopper&) = delete;
-      Stopper& operator=(const Stopper&) = delete;
-      ~Stopper() {
-        const std::lock_guard hold(mutex_);
-        stop_ = true;
-        changed_.notify_all();
+    // The threads may be waiting for the printer to move on: they are told to stop before they
+    // are joined, however the printing ends.
+    const auto finish = [&] {
+      const std::lock_guard hold(mutex);
+      stop = true;
+      changed.notify_all();
+    };
+    try {
+      for (unsigned i = 0; i < std::min<std::size_t>(count, std::max<std::size_t>(batches, 1));
+           ++i) {
+        threads.emplace_back(work);
       }
-
-     private:
-      std::mutex& mutex_;
-      std::condition_variable& changed_;
-      bool& stop_;
-    } const stopper(mutex, changed, stop);
-    for (unsigned i = 0; i < std::min<std::size_t>(count, std::max<std::size_t>(batches, 1)); ++i) {
-      threads.emplace_back(work);
+      for (std::size_t batch = 0; batch < batches; ++batch) {
+        std::vector<GrepFile> results;
+        {
+          std::unique_lock hold(mutex);
+          changed.wait(hold, [&] { return done[batch].has_value() || failure; });
+          if (failure) break;
+          results = std::move(*done[batch]);
+          done[batch].reset();
+          printing = batch + 1;
+          changed.notify_all();
+        }
+        bool more = true;
+        for (GrepFile& file : results) {
+          if (!(more = print(file))) break;
+        }
+        if (!more) break;
+      }
+    } catch (...) {
+      finish();
+      throw;
     }
-    for (std::size_t batch = 0; batch < batches; ++batch) {
-      std::vector<GrepFile> results;
-      {
-        std::unique_lock hold(mutex);
-        changed.wait(hold, [&] { return done[batch].has_value() || failure; });
-        if (failure) break;
-        results = std::move(*done[batch]);
-        done[batch].reset();
-        printing = batch + 1;
-        changed.notify_all();
-      }
-      bool more = true;
-      for (GrepFile& file : results) {
-        if (!(more = print(file))) break;
-      }
-      if (!more) break;
-    }
+    finish();
   }
   if (failure) std::rethrow_exception(failure);
   return unmatched_specs;
