@@ -20,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/cli_run.h"
 #include "support/fault_vfs.h"
 #include "support/temp_dir.h"
 
@@ -36,34 +37,10 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using Args = std::vector<std::string>;
-
-// A run's exit status and standard error, as "STATUS ERR", and its standard output.
-struct Result {
-  std::string told;
-  std::string out;
-};
-
-Result quilma_db(const Args& args, const std::atomic<bool>* stop = nullptr) {
-  std::ostringstream out;
-  std::ostringstream err;
-  std::vector<const char*> argv{"quilma-db"};
-  for (const std::string& arg : args) argv.push_back(arg.c_str());
-  const int code = run(static_cast<int>(argv.size()), argv.data(), {out, err, false, false, stop});
-  return {std::to_string(code) + " " + err.str(), out.str()};
-}
-
-// What a shell command prints, after its wait status.
-std::string shell(const std::string& command) {
-  FILE* pipe = popen(command.c_str(), "r");
-  std::string out;
-  for (int c = 0; (c = std::fgetc(pipe)) != EOF;) out += static_cast<char>(c);
-  return std::to_string(pclose(pipe)) + " " + out;
-}
-
-void write(const fs::path& path, const std::string& content) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << content;
-}
+using testing::quilma_db;
+using testing::Result;
+using testing::shell;
+using testing::write;
 
 Args split(const std::string& text, char by = '\n') {
   Args parts;
