@@ -45,9 +45,9 @@ class WatcherTest : public ::testing::Test {
   void start() {
     const std::string repo = repo_.string();
     const char* argv[] = {QUILMA_DB_EXECUTABLE, "-q", "watch", repo.c_str(), nullptr};
-    ASSERT_EQ(::posix_spawn(&pid_, argv[0], nullptr, nullptr, const_cast<char* const*>(argv),
-                            environ),
-              0);
+    ASSERT_EQ(
+        ::posix_spawn(&pid_, argv[0], nullptr, nullptr, const_cast<char* const*>(argv), environ),
+        0);
     ASSERT_TRUE(fresh_soon());
   }
   // The watcher's exit status once `signal` ends it; minus the signal when that killed it.
@@ -66,7 +66,7 @@ class WatcherTest : public ::testing::Test {
     return false;
   }
   std::string search(const std::string& word, const std::string& flag = "-s") const {
-    const auto r = quilma_db({"search", flag, "-w", "--all", word, repo_.string()}); std::cerr << r.told; return r.out;
+    return quilma_db({"search", flag, "-w", "--all", word, repo_.string()}).out;
   }
 
   quilma::testing::TempDir dir_;

@@ -75,6 +75,10 @@ constexpr std::array COMMANDS{
                  &cmd_swap},
     CommandEntry{"stamp", "Record extractor versions and mark their files for re-parsing",
                  &stamp_options, &cmd_stamp},
+    CommandEntry{"watch",
+                 "Keep the index up to date while it runs; searches then skip their own check "
+                 "for changed files",
+                 &no_options, &cmd_watch},
 };
 
 // The first word that stands where a command goes, when it names none: CLI11 would report it

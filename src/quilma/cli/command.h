@@ -132,5 +132,6 @@ void swap_options(CLI::App& sub, Options& options);
 int cmd_swap(const Command& command);
 void stamp_options(CLI::App& sub, Options& options);
 int cmd_stamp(const Command& command);
+int cmd_watch(const Command& command);
 
 }  // namespace quilma::cli

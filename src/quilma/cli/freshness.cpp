@@ -20,6 +20,7 @@
 #include "quilma/cli/indexer.h"
 #include "quilma/cli/mixed_words.h"
 #include "quilma/cli/repo_files.h"
+#include "quilma/cli/watcher.h"
 #include "quilma/sqlite/error.h"
 
 namespace quilma::cli {
@@ -235,7 +236,12 @@ Changes find_changes(const std::vector<Known>& known, const fs::path& repo,
   return compare(known, stat_known(repo, known), repo, listed);
 }
 
-std::optional<Changes> changed_since_index(storage::Database& db) {
+std::optional<Changes> changed_since_index(storage::Database& db,
+                                           const std::function<void()>& decided) {
+  if (watcher_vouches(db.db_path())) {
+    if (decided) decided();
+    return Changes{};
+  }
   const std::optional<sqlite::Row> row =
       db.fetchone("SELECT value FROM schema_info WHERE key = ?", {REPOSITORY_KEY});
   if (!row || (*row)[0].is_null()) return std::nullopt;
@@ -246,8 +252,10 @@ std::optional<Changes> changed_since_index(storage::Database& db) {
   // knows are looked at. Its own check of each path's type would stat every file twice.
   std::future<RepoFiles> listing = std::async(
       std::launch::async, [repo, own = db.db_path()] { return list_repo_files(repo, own, false); });
-  const std::optional<std::vector<Known>> known = db.read([](sqlite::Cursor& cursor) {
-    return has_table(cursor, "file_states") ? std::optional(read_known(cursor)) : std::nullopt;
+  const std::optional<std::vector<Known>> known = db.read([&](sqlite::Cursor& cursor) {
+    const bool has_states = has_table(cursor, "file_states");  // the snapshot starts here
+    if (decided) decided();
+    return has_states ? std::optional(read_known(cursor)) : std::nullopt;
   });
   const std::vector<std::optional<FileStat>> now =
       known ? stat_known(repo, *known) : std::vector<std::optional<FileStat>>();
@@ -285,8 +293,7 @@ SearchResult search_current(storage::Database& db, const SearchRequest& request,
     }
     return search(db, request);
   }
-  std::unordered_set<std::string> stale(changes->modified.begin(), changes->modified.end());
-  stale.insert(changes->removed.begin(), changes->removed.end());
+  std::unordered_set<std::string> stale = changes->stale();
   SearchResult indexed = search_index_without(db, request, stale);
   if (current == 0) return indexed;
 

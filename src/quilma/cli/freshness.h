@@ -6,11 +6,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "quilma/cli/search.h"
@@ -66,6 +68,14 @@ struct Changes {
   // written about when the index read them): most often the same content.
   std::size_t unsure = 0;
   std::size_t count() const { return added.size() + modified.size() + removed.size(); }
+  // The paths whose lines a search takes from the files, not the index: the added too, which
+  // an update running beside the search may have indexed since they were found.
+  std::unordered_set<std::string> stale() const {
+    std::unordered_set<std::string> paths(added.begin(), added.end());
+    paths.insert(modified.begin(), modified.end());
+    paths.insert(removed.begin(), removed.end());
+    return paths;
+  }
 };
 
 // Compares the files `listed` (sorted) in `repo` with what the index knows (sorted). A known
@@ -77,8 +87,12 @@ Changes find_changes(const std::vector<Known>& known, const std::filesystem::pat
 
 // The files changed since the index of `db` was brought up to date; std::nullopt when the
 // index records no repository or no file states (an index built by an older release), or
-// when its repository is gone.
-std::optional<Changes> changed_since_index(storage::Database& db);
+// when its repository is gone. Nothing changed when the index's watcher vouches for it.
+// `decided`, when given, is called as soon as what the answer rests on is fixed: the watcher's
+// word, or the snapshot of the index that the files are compared with. Reads of the index that
+// begin after it see an index at least as new, so that none of its text goes unchecked.
+std::optional<Changes> changed_since_index(storage::Database& db,
+                                           const std::function<void()>& decided = {});
 
 // The same, saying on `err` (unless `quiet`) when the changes cannot be told.
 std::optional<Changes> changed_since_index(storage::Database& db, std::ostream& err, bool quiet);

@@ -49,10 +49,9 @@ constexpr auto RETRY_DELAY = std::chrono::seconds(5);
 // The longest the watcher sleeps before it looks at its stop flag again.
 constexpr int POLL_MS = 200;
 
-constexpr std::uint32_t DIRECTORY_EVENTS = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE |
-                                           IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
-                                           IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR |
-                                           IN_DONT_FOLLOW;
+constexpr std::uint32_t DIRECTORY_EVENTS =
+    IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+    IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW;
 // git replaces its index (the files it tracks) by renaming a new one over it.
 constexpr std::uint32_t GIT_EVENTS = IN_MOVED_TO | IN_CLOSE_WRITE | IN_ONLYDIR;
 
@@ -373,8 +372,7 @@ bool watcher_vouches(const fs::path& database) {
   const Clock::time_point deadline = Clock::now() + ANSWER_WAIT;
   std::array<char, 4096> buffer{};
   while (text.find('\n') == std::string::npos) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     pollfd fd{asker.get(), POLLIN, 0};
     const int ready = ::poll(&fd, 1, static_cast<int>(std::max<std::int64_t>(left, 0)));
     if (ready < 0 && errno == EINTR) continue;

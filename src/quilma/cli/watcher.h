@@ -19,8 +19,8 @@
 namespace quilma::cli {
 
 struct WatchRequest {
-  std::filesystem::path repo;      // an existing directory
-  std::filesystem::path database;  // its index; built by the first update when missing
+  std::filesystem::path repo;               // an existing directory
+  std::filesystem::path database;           // its index; built by the first update when missing
   const std::atomic<bool>* stop = nullptr;  // once set, the watcher ends; required
   std::chrono::milliseconds settle{100};    // how long changes must pause before an update
   bool quiet = false;                       // no line about each update

@@ -3,6 +3,7 @@
 #include "quilma/cli/search.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <future>
@@ -154,9 +155,26 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
   // text, and only the first file printed waits for it. When files did change, the scan stops
   // before printing anything and runs again, without their indexed text and with them as they
   // are now.
-  std::future<std::optional<Changes>> check;
+  // The scan reads the index only once the check has fixed what it compares with, so that the
+  // scan's index is never older than the check's.
+  std::atomic<bool> decided = false;
+  const auto decide = [&decided] {
+    decided = true;
+    decided.notify_all();
+  };
+  std::future<std::optional<Changes>> check;  // declared after what it uses: waited for first
   if (!options.as_indexed) {
-    check = std::async(std::launch::async, [&db] { return changed_since_index(db); });
+    check = std::async(std::launch::async, [&db, &decide] {
+      try {
+        std::optional<Changes> changes = changed_since_index(db, decide);
+        decide();
+        return changes;
+      } catch (...) {
+        decide();
+        throw;
+      }
+    });
+    decided.wait(false);
   }
   std::optional<Changes> changes;
   const auto index_stands = [&] {  // once the check is done: whether nothing changed
@@ -246,8 +264,7 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
   };
   std::vector<std::string> unmatched = grep(db, request, print);
   if (restart || !index_stands()) {
-    request.stale.insert(changes->modified.begin(), changes->modified.end());
-    request.stale.insert(changes->removed.begin(), changes->removed.end());
+    request.stale = changes->stale();
     request.from_disk = changes->added;
     request.from_disk.insert(request.from_disk.end(), changes->modified.begin(),
                              changes->modified.end());
