@@ -2,7 +2,8 @@
 """The search benchmark: `quilma-db search -w --all`, from process start to exit, against
 `git grep -n -w -I` and `rg -n -w` (ripgrep) over the same generated tree (the index
 benchmark's, about 20 000 files and 200 MiB, committed to git), for a rare, a medium and the
-most common word of the index, and for the most common word piped into `head -1`.
+most common word of the index, and for the most common word piped into `head -1`; then the
+same search while `quilma-db watch` runs, which spares it the check for changed files.
 
 Each command is timed by hyperfine as a whole process (`--runs 3` after a warm-up run), the
 commands of one word in turn, for ROUNDS rounds; the median over the rounds counts, so that the
@@ -59,6 +60,15 @@ def words(db, tree):
     return chosen
 
 
+def watch(binary, tree):
+    """A `quilma-db watch` of the tree, once it says that the index is up to date."""
+    watcher = subprocess.Popen([binary, "watch", tree], stderr=subprocess.PIPE, text=True)
+    for line in watcher.stderr:
+        if "up to date" in line:
+            return watcher
+    raise SystemExit(f"search_bench: the watcher ended ({watcher.wait()})")
+
+
 def main():
     args, tree = tree_arguments(__doc__)
     for tool in ("hyperfine", "rg", "git"):
@@ -83,10 +93,17 @@ def main():
                     "... --as-indexed": f"{args.binary} search --as-indexed -w --all {word}{pipe}",
                     "git grep -n -w -I": f"git grep -n -w -I {word}{pipe}",
                     "rg -n -w": f"rg -n -w {word}{pipe}"}
-        times = {name: [] for name in commands}
+        # The same search while `quilma-db watch` runs and vouches for the index.
+        watched_name = "... with watch running"
+        times = {name: [] for name in [*commands, watched_name]}
         for _ in range(ROUNDS):
             for name, command in commands.items():
                 times[name].append(seconds(command, tree))
+            watcher = watch(args.binary, tree)
+            times[watched_name].append(seconds(commands["quilma-db search -w"], tree))
+            watcher.terminate()
+            watcher.wait()
+        commands[watched_name] = commands["quilma-db search -w"]
         ours = statistics.median(times["quilma-db search -w"])
         for name, command in commands.items():
             median = statistics.median(times[name])

@@ -215,11 +215,16 @@ class Watches {
 // its own, changes with every commit of any other connection.
 class IndexVersion {
  public:
-  // Takes the index's present version as the one this watcher's update left.
+  // Takes the index's present version as the one this watcher's update left. On a new
+  // connection: the update may have moved a damaged index aside and built a new file.
   void take(const fs::path& database) {
     connection_.reset();
-    connection_.emplace(database, sqlite::OpenOptions{.read_only = true});
-    taken_ = read();
+    try {
+      connection_.emplace(database, sqlite::OpenOptions{.read_only = true});
+      taken_ = read();
+    } catch (const std::exception&) {
+      connection_.reset();  // never unchanged: the next question brings another update
+    }
   }
   // Whether no other program wrote the index since take().
   bool unchanged() {
@@ -313,12 +318,15 @@ void watch(const WatchRequest& request, std::ostream& log) {
                    std::chrono::duration_cast<std::chrono::seconds>(RETRY_DELAY).count());
       }
     } else {
-      synced = true;
       version.take(database);
       const IndexReport& report = outcome.report;
       if (!request.quiet && (report.full || report.added + report.updated + report.removed > 0)) {
         fmt::print(log, "quilma-db: {}\n", index_summary(report));
       }
+      if (!request.quiet && !synced) {
+        fmt::print(log, "quilma-db: the index is up to date; searches now ask this watcher\n");
+      }
+      synced = true;
     }
     outcome = {};
   };
