@@ -554,100 +554,144 @@ bool pathspec_matches(const std::string& pathspec, const std::string& path) {
 std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
                               const std::function<bool(GrepFile&)>& print) {
   const LineMatcher matcher(request.patterns);
-  // The candidate files, in path order.
-  std::vector<Candidate> files;
-  std::vector<std::string> unmatched_specs;
-  db.read([&](sqlite::Cursor& cursor) {
-    std::set<std::int64_t> wanted;  // file ids with a candidate chunk
-    const std::optional<std::string> query = matcher.chunk_query(cursor);
-    if (query) {
-      for (const sqlite::Row& row :
-           cursor.execute("SELECT rowid FROM code_chunks WHERE code_chunks MATCH ?", {*query})
-               .fetchall()) {
-        wanted.insert(row[0].as_int() / storage::core_schema::CHUNKS_PER_FILE);
-      }
-    }
-    std::vector<bool> spec_used(request.pathspecs.size(), false);
-    const auto in_scope = [&](const std::string& path) {
-      if (!path.starts_with(request.scope)) return false;
-      if (request.pathspecs.empty()) return true;
-      const std::string relative = path.substr(request.scope.size());
-      bool any = false;
-      for (std::size_t i = 0; i < request.pathspecs.size(); ++i) {
-        if (pathspec_matches(request.pathspecs[i], relative)) any = spec_used[i] = true;
-      }
-      return any;
-    };
-    const auto add_file = [&](const sqlite::Row& row) {
-      std::string path = row[1].as_text();
-      if (in_scope(path) && !request.stale.contains(path)) {
-        files.push_back({std::move(path), row[0].as_int()});
-      }
-    };
-    if (query && wanted.size() < FEW_FILES) {
-      for (const std::int64_t id : wanted) {
-        if (const std::optional<sqlite::Row> row =
-                cursor.execute("SELECT id, path FROM files WHERE id = ?", {id}).fetchone()) {
-          add_file(*row);
-        }
-      }
-    } else {
-      for (const sqlite::Row& row :
-           cursor.execute("SELECT id, path FROM files ORDER BY path").fetchall()) {
-        if (!query || wanted.contains(row[0].as_int())) add_file(row);
-      }
-    }
-    // Files too large to index, and those changed since they were indexed, are read whole at
-    // search time.
-    for (const sqlite::Row& row :
-         cursor
-             .execute("SELECT DISTINCT file_path FROM index_errors WHERE error_type = 'too_large'")
-             .fetchall()) {
-      std::string path = row[0].as_text();
-      if (in_scope(path) && !request.stale.contains(path)) files.push_back({path, 0});
-    }
-    for (const std::string& path : request.from_disk) {
-      if (in_scope(path)) files.push_back({path, 0});
-    }
-    for (std::size_t i = 0; i < spec_used.size(); ++i) {
-      if (!spec_used[i]) unmatched_specs.push_back(request.pathspecs[i]);
-    }
-  });
-  std::sort(files.begin(), files.end(),
-            [](const Candidate& a, const Candidate& b) { return a.path < b.path; });
-
-  // Batches of files, scanned by the threads in any order and printed in theirs.
-  const std::size_t batches = (files.size() + BATCH_FILES - 1) / BATCH_FILES;
-  std::vector<std::optional<std::vector<GrepFile>>> done(batches);
+  // One thread lists the candidate files in path order, the scanning threads take them in
+  // batches as they are listed and scan them in any order, and this thread prints the batches
+  // in theirs. A word the index does not narrow lists every file, and the first lines print
+  // before the listing ends.
   std::mutex mutex;
   std::condition_variable changed;
-  std::size_t next_batch = 0;  // guarded by mutex
-  std::size_t printing = 0;    // guarded by mutex
-  bool stop = false;           // guarded by mutex
-  std::exception_ptr failure;  // guarded by mutex
+  std::vector<Candidate> files;                            // guarded by mutex: those listed so far
+  bool listed = false;                                     // guarded by mutex: all of them
+  std::vector<std::optional<std::vector<GrepFile>>> done;  // guarded by mutex: each batch's
+  std::size_t next_batch = 0;                              // guarded by mutex
+  std::size_t printing = 0;                                // guarded by mutex
+  bool stop = false;                                       // guarded by mutex
+  std::exception_ptr failure;                              // guarded by mutex
+  // The batches that may be taken: whole ones while the listing goes on. Called with the lock.
+  const auto batches = [&] {
+    return (files.size() + (listed ? BATCH_FILES - 1 : 0)) / BATCH_FILES;
+  };
+  const auto fail = [&] {
+    const std::lock_guard hold(mutex);
+    if (!failure) failure = std::current_exception();
+    stop = true;
+    changed.notify_all();
+  };
+  // Adds `more` (in path order, after those listed) to the files; false once the search stops.
+  const auto publish = [&](std::vector<Candidate>& more, bool last) {
+    const std::lock_guard hold(mutex);
+    std::move(more.begin(), more.end(), std::back_inserter(files));
+    more.clear();
+    listed = last;
+    done.resize(batches());
+    changed.notify_all();
+    return !stop;
+  };
+
+  std::vector<std::string> unmatched_specs;  // written by the listing thread, read once joined
+  const auto list = [&] {
+    try {
+      db.read([&](sqlite::Cursor& cursor) {
+        std::set<std::int64_t> wanted;  // file ids with a candidate chunk
+        const std::optional<std::string> query = matcher.chunk_query(cursor);
+        if (query) {
+          for (const sqlite::Row& row :
+               cursor.execute("SELECT rowid FROM code_chunks WHERE code_chunks MATCH ?", {*query})
+                   .fetchall()) {
+            wanted.insert(row[0].as_int() / storage::core_schema::CHUNKS_PER_FILE);
+          }
+        }
+        std::vector<bool> spec_used(request.pathspecs.size(), false);
+        const auto in_scope = [&](const std::string& path) {
+          if (!path.starts_with(request.scope)) return false;
+          if (request.pathspecs.empty()) return true;
+          const std::string relative = path.substr(request.scope.size());
+          bool any = false;
+          for (std::size_t i = 0; i < request.pathspecs.size(); ++i) {
+            if (pathspec_matches(request.pathspecs[i], relative)) any = spec_used[i] = true;
+          }
+          return any;
+        };
+        // Files too large to index, and those changed since they were indexed, are read whole
+        // at search time.
+        std::vector<Candidate> from_disk;
+        for (const sqlite::Row& row : cursor
+                                          .execute("SELECT DISTINCT file_path FROM index_errors "
+                                                   "WHERE error_type = 'too_large'")
+                                          .fetchall()) {
+          std::string path = row[0].as_text();
+          if (in_scope(path) && !request.stale.contains(path)) from_disk.push_back({path, 0});
+        }
+        for (const std::string& path : request.from_disk) {
+          if (in_scope(path)) from_disk.push_back({path, 0});
+        }
+        const auto by_path = [](const Candidate& a, const Candidate& b) { return a.path < b.path; };
+        std::sort(from_disk.begin(), from_disk.end(), by_path);
+        std::vector<Candidate> more;
+        const auto add_file = [&](std::int64_t id, std::string path) {
+          if (in_scope(path) && !request.stale.contains(path))
+            more.push_back({std::move(path), id});
+        };
+        if (query && wanted.size() < FEW_FILES) {
+          for (const std::int64_t id : wanted) {
+            if (const std::optional<sqlite::Row> row =
+                    cursor.execute("SELECT id, path FROM files WHERE id = ?", {id}).fetchone()) {
+              add_file(id, (*row)[1].as_text());
+            }
+          }
+          std::move(from_disk.begin(), from_disk.end(), std::back_inserter(more));
+          std::sort(more.begin(), more.end(), by_path);
+        } else {
+          // In path order as SQLite compares text (bytes, as std::string does), the files read
+          // from disk merged in.
+          auto disk = from_disk.begin();
+          cursor.execute("SELECT id, path FROM files ORDER BY path");
+          while (const std::optional<sqlite::Row> row = cursor.fetchone()) {
+            std::string path = (*row)[1].as_text();
+            for (; disk != from_disk.end() && disk->path < path; ++disk) {
+              more.push_back(std::move(*disk));
+            }
+            const std::int64_t id = (*row)[0].as_int();
+            if (!query || wanted.contains(id)) add_file(id, std::move(path));
+            if (more.size() >= BATCH_FILES && !publish(more, false)) return;
+          }
+          std::move(disk, from_disk.end(), std::back_inserter(more));
+        }
+        for (std::size_t i = 0; i < spec_used.size(); ++i) {
+          if (!spec_used[i]) unmatched_specs.push_back(request.pathspecs[i]);
+        }
+        publish(more, true);
+      });
+    } catch (...) {
+      fail();
+    }
+  };
   const auto work = [&] {
     try {
       while (true) {
         std::size_t batch = 0;
+        std::vector<Candidate> candidates;
         {
           std::unique_lock hold(mutex);
-          changed.wait(hold, [&] { return stop || next_batch < printing + BATCHES_AHEAD; });
-          if (stop || next_batch >= batches) return;
+          changed.wait(hold, [&] {
+            return stop || (next_batch < batches() && next_batch < printing + BATCHES_AHEAD) ||
+                   (listed && next_batch >= batches());
+          });
+          if (stop || next_batch >= batches()) return;
           batch = next_batch++;
+          const auto first = files.begin() + static_cast<std::ptrdiff_t>(batch * BATCH_FILES);
+          candidates.assign(first,
+                            first + std::min<std::ptrdiff_t>(files.end() - first, BATCH_FILES));
         }
+        std::vector<std::string> texts(candidates.size());
+        db.read([&](sqlite::Cursor& cursor) { read_indexed(cursor, candidates, texts); });
         std::vector<GrepFile> results;
-        const std::size_t first = batch * BATCH_FILES;
-        const std::size_t last = std::min(files.size(), first + BATCH_FILES);
-        std::vector<std::string> texts(last - first);
-        db.read([&](sqlite::Cursor& cursor) {
-          read_indexed(cursor, std::span(files).subspan(first, last - first), texts);
-        });
-        for (std::size_t i = first; i < last; ++i) {
-          const std::string& text =
-              files[i].id != 0 ? texts[i - first]
-                               : (texts[i - first] = disk_text(request.root / files[i].path));
+        for (std::size_t i = 0; i < candidates.size(); ++i) {
+          const std::string& text = candidates[i].id != 0
+                                        ? texts[i]
+                                        : (texts[i] = disk_text(request.root / candidates[i].path));
           GrepFile file;
-          file.path = files[i].path.substr(request.scope.size());
+          file.path = candidates[i].path.substr(request.scope.size());
           grep_text(matcher, text, request, file);
           if (file.matched > 0) results.push_back(std::move(file));
         }
@@ -656,10 +700,7 @@ std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
         changed.notify_all();
       }
     } catch (...) {
-      const std::lock_guard hold(mutex);
-      if (!failure) failure = std::current_exception();
-      stop = true;
-      changed.notify_all();
+      fail();
     }
   };
   const unsigned cores = std::max(1U, std::thread::hardware_concurrency());
@@ -674,16 +715,17 @@ std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
       changed.notify_all();
     };
     try {
-      for (unsigned i = 0; i < std::min<std::size_t>(count, std::max<std::size_t>(batches, 1));
-           ++i) {
-        threads.emplace_back(work);
-      }
-      for (std::size_t batch = 0; batch < batches; ++batch) {
+      threads.emplace_back(list);
+      for (unsigned i = 0; i < count; ++i) threads.emplace_back(work);
+      for (std::size_t batch = 0;; ++batch) {
         std::vector<GrepFile> results;
         {
           std::unique_lock hold(mutex);
-          changed.wait(hold, [&] { return done[batch].has_value() || failure; });
-          if (failure) break;
+          changed.wait(hold, [&] {
+            return failure || (batch < done.size() && done[batch].has_value()) ||
+                   (listed && batch >= batches());
+          });
+          if (failure || batch >= done.size()) break;
           results = std::move(*done[batch]);
           done[batch].reset();
           printing = batch + 1;
