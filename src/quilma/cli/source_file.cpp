@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "quilma/cli/descriptor.h"
 #include "quilma/utils/utf8.h"
 
 namespace quilma::cli {
@@ -24,21 +25,6 @@ constexpr double MIB = 1024.0 * 1024.0;
 FileProblem unreadable(int error) {
   return {"unreadable", std::generic_category().message(error), std::nullopt};
 }
-
-// Closes a file descriptor on every way out.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 }  // namespace
 

@@ -27,6 +27,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "quilma/cli/descriptor.h"
 #include "quilma/cli/index_summary.h"
 #include "quilma/cli/indexer.h"
 #include "quilma/cli/progress.h"
@@ -54,20 +55,6 @@ constexpr std::uint32_t DIRECTORY_EVENTS =
     IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW;
 // git replaces its index (the files it tracks) by renaming a new one over it.
 constexpr std::uint32_t GIT_EVENTS = IN_MOVED_TO | IN_CLOSE_WRITE | IN_ONLYDIR;
-
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // The index's path as every process names it.
 fs::path index_path(const fs::path& database, std::error_code& error) {
@@ -202,7 +189,7 @@ class Watches {
     }
   }
 
-  Fd fd_;
+  Descriptor fd_;
   fs::path repo_;
   fs::path own_dir_;      // the index's directory, whose files named after it are its own
   std::string own_name_;  // the index's file name
@@ -256,7 +243,7 @@ void watch(const WatchRequest& request, std::ostream& log) {
   std::error_code error;
   const fs::path database = index_path(request.database, error);
   if (error) throw std::system_error(error, "cannot watch for " + request.database.string());
-  const Fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (listener.get() < 0) throw_errno("cannot make the watcher's socket");
   const auto [address, length] = address_of(database);
   if (::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
@@ -267,7 +254,7 @@ void watch(const WatchRequest& request, std::ostream& log) {
   }
   if (::listen(listener.get(), 64) != 0) throw_errno("cannot make the watcher's socket");
   Watches watches(request.repo, database);
-  const Fd wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  const Descriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (wake.get() < 0) throw_errno("cannot make the watcher's event");
   if (!request.quiet) {
     fmt::print(log, "quilma-db: watching {} directories of {}; Ctrl-C stops\n", watches.count(),
@@ -332,7 +319,8 @@ void watch(const WatchRequest& request, std::ostream& log) {
   };
   const auto answer = [&] {
     while (true) {
-      const Fd asker(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+      const Descriptor asker(
+          ::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
       if (asker.get() < 0) return;  // all answered; an asker that went meanwhile asks no more
       if (!same_user(asker.get())) continue;
       note_changes(watches.drain());
@@ -368,7 +356,7 @@ bool watcher_vouches(const fs::path& database) {
   std::error_code error;
   const fs::path path = index_path(database, error);
   if (error) return false;
-  const Fd asker(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const Descriptor asker(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const auto [address, length] = address_of(path);
   if (asker.get() < 0 ||
       ::connect(asker.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
