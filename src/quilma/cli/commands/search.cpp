@@ -152,11 +152,10 @@ int grep_search(const Command& command, const Scope& scope, std::vector<std::str
       .from_disk = {},
       .render = {}};
   // The check for files changed since the index was built runs beside the scan of the index's
-  // text, and only the first file printed waits for it. When files did change, the scan stops
-  // before printing anything and runs again, without their indexed text and with them as they
-  // are now.
-  // The scan reads the index only once the check has fixed what it compares with, so that the
-  // scan's index is never older than the check's.
+  // text, and only the first file printed waits for it. The scan reads the index only once the
+  // check has fixed what it compares with, so that the scan's index is never older than the
+  // check's. When files did change, the scan stops before printing anything and runs again,
+  // without their indexed text and with them as they are now.
   std::atomic<bool> decided = false;
   const auto decide = [&decided] {
     decided = true;
