@@ -141,10 +141,11 @@ class Watches {
         }
         if (dir->second == own_dir_ && name.starts_with(own_name_)) continue;  // the index's
         changed = true;
-        if ((event.mask & IN_ISDIR) == 0 || name.empty()) continue;
-        if ((event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) add_tree(dir->second / name);
-        // A directory moved within the tree keeps its watches under their old paths.
-        if ((event.mask & IN_MOVED_FROM) != 0) rewatch = true;
+        // A directory made, or moved in: watched with all under it. One moved within the tree
+        // keeps its watches, which inotify_add_watch() then names by their new paths.
+        if ((event.mask & IN_ISDIR) != 0 && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
+          add_tree(dir->second / name);
+        }
       }
     }
     if (rewatch) watch_all();
