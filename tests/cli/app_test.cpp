@@ -656,6 +656,7 @@ class GrepParityTest : public ::testing::TestWithParam<std::pair<Args, std::stri
       big += line % 1000 == 7 ? "\tHall commit\n" : std::string(1000, 'y') + "\n";
     }
     write(dir() / "big.txt", big);
+    write(dir() / "aardvark.txt", "commit\n");  // before big.txt, which is read from disk
     write(dir() / "nul_late.txt",
           std::string(BINARY_PROBE_BYTES, 'a') + std::string("\0commit\n", 8));
     write(dir() / "nul_early.bin", std::string("commit\0\n", 8));
