@@ -78,7 +78,7 @@ constexpr std::array COMMANDS{
     CommandEntry{"watch",
                  "Keep the index up to date while it runs; searches then skip their own check "
                  "for changed files",
-                 &no_options, &cmd_watch},
+                 &watch_options, &cmd_watch},
 };
 
 // The first word that stands where a command goes, when it names none: CLI11 would report it

@@ -55,6 +55,7 @@ struct Options {
   std::vector<std::string> stamps;
   bool full = false;        // index: rebuild the whole index
   bool as_indexed = false;  // search: skip the check for files changed since the index
+  int settle_ms = 100;      // watch: how long changes must pause before an update
 };
 
 // One command's run: its options, its streams, and what every command needs.
@@ -132,6 +133,7 @@ void swap_options(CLI::App& sub, Options& options);
 int cmd_swap(const Command& command);
 void stamp_options(CLI::App& sub, Options& options);
 int cmd_stamp(const Command& command);
+void watch_options(CLI::App& sub, Options& options);
 int cmd_watch(const Command& command);
 
 }  // namespace quilma::cli

@@ -275,6 +275,10 @@ void watch(const WatchRequest& request, std::ostream& log) {
     dirty = true;
     changed_at = now;
   };
+  // When the next update may start: once changes have paused, or have gone on long enough.
+  const auto due = [&] {
+    return std::max(std::min(changed_at + request.settle, dirty_since + MAX_DELAY), retry_at);
+  };
   Outcome outcome;
   std::optional<std::jthread> update;  // declared after `outcome`: joined before it goes
   const auto start_update = [&] {
@@ -334,10 +338,8 @@ void watch(const WatchRequest& request, std::ostream& log) {
 
   while (!request.stop->load()) {
     int timeout = POLL_MS;
-    const Clock::time_point due =
-        std::max(std::min(changed_at + request.settle, dirty_since + MAX_DELAY), retry_at);
     if (dirty && !update) {
-      const auto wait = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()).count();
+      const auto wait = std::chrono::ceil<std::chrono::milliseconds>(due() - Clock::now()).count();
       timeout = static_cast<int>(std::clamp<std::int64_t>(wait, 0, POLL_MS));
     }
     std::array<pollfd, 3> fds{pollfd{watches.fd(), POLLIN, 0}, pollfd{listener.get(), POLLIN, 0},
@@ -349,7 +351,7 @@ void watch(const WatchRequest& request, std::ostream& log) {
     if (fds[0].revents != 0) note_changes(watches.drain());
     if (fds[2].revents != 0) end_update();
     if (fds[1].revents != 0) answer();
-    if (dirty && !update && Clock::now() >= due) start_update();
+    if (dirty && !update && Clock::now() >= due()) start_update();
   }
 }
 

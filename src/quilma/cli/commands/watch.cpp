@@ -1,5 +1,6 @@
 // quilma-db watch: keeps the repository's index up to date while it runs, and vouches for it to
 // the searches that ask, which then need not look at every file.
+#include <chrono>
 #include <filesystem>
 #include <stdexcept>
 
@@ -7,6 +8,12 @@
 #include "quilma/cli/watcher.h"
 
 namespace quilma::cli {
+
+void watch_options(CLI::App& sub, Options& options) {
+  sub.add_option("--settle", options.settle_ms,
+                 "Milliseconds that changes must pause before the index is updated")
+      ->check(CLI::Range(0, 60'000));
+}
 
 int cmd_watch(const Command& command) {
   namespace fs = std::filesystem;
@@ -17,6 +24,7 @@ int cmd_watch(const Command& command) {
   watch({.repo = root,
          .database = command.database(),
          .stop = command.io().stop,
+         .settle = std::chrono::milliseconds(command.options().settle_ms),
          .quiet = command.options().quiet},
         command.io().err);
   return 0;
