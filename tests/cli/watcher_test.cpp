@@ -5,6 +5,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <thread>
 
@@ -41,14 +42,29 @@ class WatcherTest : public ::testing::Test {
     }
   }
 
-  // Starts a watcher, which builds the index, and waits until it vouches for it.
+  // Starts a watcher, which builds the index, and waits until it vouches for it. What it says
+  // goes to watch.log.
   void start() {
     const std::string repo = repo_.string();
-    const char* argv[] = {QUILMA_DB_EXECUTABLE, "-q", "watch", repo.c_str(), nullptr};
+    // Changes settle for long enough that no update comes between a change and the question
+    // that follows it, however slowly the test runs.
+    const char* argv[] = {QUILMA_DB_EXECUTABLE, "watch", "--settle", "300", repo.c_str(), nullptr};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, (dir_ / "watch.log").c_str(),
+                                     O_WRONLY | O_CREAT | O_APPEND, 0600);
     ASSERT_EQ(
-        ::posix_spawn(&pid_, argv[0], nullptr, nullptr, const_cast<char* const*>(argv), environ),
+        ::posix_spawn(&pid_, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ),
         0);
+    posix_spawn_file_actions_destroy(&actions);
     ASSERT_TRUE(fresh_soon());
+  }
+  // How many lines of watch.log hold `text`.
+  int logged(const std::string& text) const {
+    std::ifstream log(dir_ / "watch.log");
+    int count = 0;
+    for (std::string line; std::getline(log, line);) count += line.find(text) != line.npos ? 1 : 0;
+    return count;
   }
   // The watcher's exit status once `signal` ends it; minus the signal when that killed it.
   int stop(int signal) {
@@ -104,6 +120,13 @@ TEST_F(WatcherTest, EverySearchAfterAChangeSeesIt) {
   ASSERT_TRUE(fresh_soon());
   ASSERT_EQ(testing::shell("cd " + repo_.string() + "/.git && cp index i && mv i index"), "0 ");
   EXPECT_FALSE(watcher_vouches(db_));
+  // A line for each update that changed the index, none for those that found nothing.
+  ASSERT_TRUE(fresh_soon());
+  EXPECT_EQ(logged("quilma-db: watching 3 directories of " + repo_.string() + ";"), 1);
+  EXPECT_EQ(logged("quilma-db: indexed 2 files"), 1);
+  EXPECT_EQ(logged("quilma-db: the index is up to date; searches now ask this watcher"), 1);
+  EXPECT_GE(logged("quilma-db: updated the index"), static_cast<int>(steps.size()));
+  EXPECT_EQ(logged(": 0 added, 0 updated, 0 removed"), 0);
 }
 
 // A write through a shared mapping raises no inotify event, and a search takes the watcher's
