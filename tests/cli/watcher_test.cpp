@@ -8,6 +8,7 @@
 #include <fstream>
 #include <functional>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -42,21 +43,25 @@ class WatcherTest : public ::testing::Test {
     }
   }
 
-  // Starts a watcher, which builds the index, and waits until it vouches for it. What it says
-  // goes to watch.log.
-  void start() {
-    const std::string repo = repo_.string();
+  // Starts a watcher of `repo`, which builds its index; what it says goes to watch.log.
+  pid_t spawn(const fs::path& repo) const {
+    const std::string path = repo.string();
     // Changes settle for long enough that no update comes between a change and the question
     // that follows it, however slowly the test runs.
-    const char* argv[] = {QUILMA_DB_EXECUTABLE, "watch", "--settle", "300", repo.c_str(), nullptr};
+    const char* argv[] = {QUILMA_DB_EXECUTABLE, "watch", "--settle", "300", path.c_str(), nullptr};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, (dir_ / "watch.log").c_str(),
                                      O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ASSERT_EQ(
-        ::posix_spawn(&pid_, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ),
-        0);
+    pid_t pid = 0;
+    ::posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ);
     posix_spawn_file_actions_destroy(&actions);
+    return pid;
+  }
+  // Starts the repository's watcher and waits until it vouches for the index.
+  void start() {
+    pid_ = spawn(repo_);
+    ASSERT_GT(pid_, 0);
     ASSERT_TRUE(fresh_soon());
   }
   // How many lines of watch.log hold `text`.
@@ -66,17 +71,18 @@ class WatcherTest : public ::testing::Test {
     for (std::string line; std::getline(log, line);) count += line.find(text) != line.npos ? 1 : 0;
     return count;
   }
-  // The watcher's exit status once `signal` ends it; minus the signal when that killed it.
-  int stop(int signal) {
-    ::kill(pid_, signal);
+  // A watcher's exit status once `signal` ends it; minus the signal when that killed it.
+  static int end(pid_t pid, int signal) {
+    ::kill(pid, signal);
     int status = 0;
-    ::waitpid(pid_, &status, 0);
-    pid_ = 0;
+    ::waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   }
-  bool fresh_soon() const {
+  int stop(int signal) { return end(std::exchange(pid_, 0), signal); }
+  bool fresh_soon() const { return fresh_soon(db_); }
+  static bool fresh_soon(const fs::path& db) {
     for (int i = 0; i < 3000; ++i) {
-      if (watcher_vouches(db_)) return true;
+      if (watcher_vouches(db)) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
@@ -160,6 +166,12 @@ TEST_F(WatcherTest, OneWatcherPerIndexAndAStoppedOrKilledOneHoldsNothingUp) {
   const std::atomic<bool> stop_now{true};
   EXPECT_EQ(quilma_db({"watch", repo_.string()}, &stop_now).told,
             "1 quilma-db: watch: a watcher already runs for " + db_.string() + "\n");
+  // Each index has a watcher of its own.
+  write(dir_ / "other/x.txt", "x\n");
+  const pid_t other = spawn(dir_ / "other");
+  EXPECT_TRUE(fresh_soon(dir_ / "other/memory/codebase-index/index.db"));
+  EXPECT_TRUE(watcher_vouches(db_));
+  EXPECT_EQ(end(other, SIGTERM), 0);
   ::kill(pid_, SIGSTOP);
   write(repo_ / "src/a.c", "int omega = 1;\n");
   const auto started = std::chrono::steady_clock::now();
