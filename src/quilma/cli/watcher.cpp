@@ -241,9 +241,11 @@ struct Outcome {
 }  // namespace
 
 void watch(const WatchRequest& request, std::ostream& log) {
+  // Both as the kernel names them: the events of the index's own files are told by their paths.
   std::error_code error;
   const fs::path database = index_path(request.database, error);
-  if (error) throw std::system_error(error, "cannot watch for " + request.database.string());
+  const fs::path repo = error ? fs::path() : fs::canonical(request.repo, error);
+  if (error) throw std::system_error(error, "cannot watch " + request.repo.string());
   const Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (listener.get() < 0) throw_errno("cannot make the watcher's socket");
   const auto [address, length] = address_of(database);
@@ -254,12 +256,12 @@ void watch(const WatchRequest& request, std::ostream& log) {
     throw_errno("cannot make the watcher's socket");
   }
   if (::listen(listener.get(), 64) != 0) throw_errno("cannot make the watcher's socket");
-  Watches watches(request.repo, database);
+  Watches watches(repo, database);
   const Descriptor wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (wake.get() < 0) throw_errno("cannot make the watcher's event");
   if (!request.quiet) {
     fmt::print(log, "quilma-db: watching {} directories of {}; Ctrl-C stops\n", watches.count(),
-               request.repo.string());
+               repo.string());
   }
 
   IndexVersion version;
@@ -286,7 +288,7 @@ void watch(const WatchRequest& request, std::ostream& log) {
     update.emplace([&] {
       try {
         Progress quiet(log, Progress::Mode::Quiet);
-        outcome.report = index_repository({request.repo, database, request.stop, false}, quiet);
+        outcome.report = index_repository({repo, database, request.stop, false}, quiet);
       } catch (...) {
         outcome.failure = std::current_exception();
       }
@@ -346,7 +348,7 @@ void watch(const WatchRequest& request, std::ostream& log) {
                               pollfd{wake.get(), POLLIN, 0}};
     if (::poll(fds.data(), fds.size(), timeout) < 0) {
       if (errno == EINTR) continue;
-      throw_errno("cannot watch " + request.repo.string());
+      throw_errno("cannot watch " + repo.string());
     }
     if (fds[0].revents != 0) note_changes(watches.drain());
     if (fds[2].revents != 0) end_update();

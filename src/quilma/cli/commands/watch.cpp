@@ -17,8 +17,7 @@ void watch_options(CLI::App& sub, Options& options) {
 
 int cmd_watch(const Command& command) {
   namespace fs = std::filesystem;
-  fs::path root = command.repo();
-  if (!root.has_filename()) root = root.parent_path();  // "/repo/" as "/repo"
+  const fs::path root = command.repo();
   if (!fs::is_directory(root)) throw std::runtime_error("not a directory: " + root.string());
   if (command.io().stop == nullptr) throw std::logic_error("watch runs until it is stopped");
   watch({.repo = root,
