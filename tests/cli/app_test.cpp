@@ -452,6 +452,12 @@ TEST(ProgramTest, SignalsStopABuildCleanly) {
   EXPECT_EQ(first.out + first.told,
             "f0.py:1:    word = compute(1)\n0 quilma-db: showing the first 1 matching lines; more "
             "match (--limit N, or --all)\n");
+  // A pathspec that matches nothing is told even when the limit ends the search early.
+  EXPECT_EQ(
+      quilma_db({"search", "-w", "--limit", "1", "--path", ".", "--path", "nowhere", "word", repo})
+          .told,
+      "0 quilma-db: --path 'nowhere' matches no indexed file\nquilma-db: showing the first 1 "
+      "matching lines; more match (--limit N, or --all)\n");
   // Every file is a candidate (the index folds case), and only the last one matches.
   EXPECT_EQ(quilma_db({"search", "-w", "WORD", repo}).out, "z.py:1:WORD = 1\n");
   // A print that throws ends the scan as well: the threads waiting for the printer stop.

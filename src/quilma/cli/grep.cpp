@@ -645,15 +645,24 @@ std::vector<std::string> grep(storage::Database& db, const GrepRequest& request,
           // In path order as SQLite compares text (bytes, as std::string does), the files read
           // from disk merged in.
           auto disk = from_disk.begin();
+          bool searching = true;  // once the search stops, the rest only tells the pathspecs
           cursor.execute("SELECT id, path FROM files ORDER BY path");
           while (const std::optional<sqlite::Row> row = cursor.fetchone()) {
             std::string path = (*row)[1].as_text();
+            const std::int64_t id = (*row)[0].as_int();
+            const bool candidate = !query || wanted.contains(id);
+            if (!searching) {
+              if (candidate) in_scope(path);
+              continue;
+            }
             for (; disk != from_disk.end() && disk->path < path; ++disk) {
               more.push_back(std::move(*disk));
             }
-            const std::int64_t id = (*row)[0].as_int();
-            if (!query || wanted.contains(id)) add_file(id, std::move(path));
-            if (more.size() >= BATCH_FILES && !publish(more, false)) return;
+            if (candidate) add_file(id, std::move(path));
+            if (more.size() >= BATCH_FILES && !publish(more, false)) {
+              if (request.pathspecs.empty()) return;
+              searching = false;
+            }
           }
           std::move(disk, from_disk.end(), std::back_inserter(more));
         }
